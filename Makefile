@@ -1,0 +1,45 @@
+# Two set-up commands for a fresh Debian 12 machine: `make run` and `make test`.
+JOBS ?= $(shell nproc)
+RELEASE_DIR := build/release
+ASAN_DIR := build/asan
+FUZZ_DIR := build/fuzz
+STAGE_ROOT := $(abspath $(RELEASE_DIR))/quellwick
+PORT ?= 8081
+
+.PHONY: all deps build run test bench fuzz format clean
+
+all: build
+
+deps:
+	./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(RELEASE_DIR) -j$(JOBS)
+
+# Starts the server in debug mode with the simulated devices of config/; a key press stops it.
+run: build
+	QUELLWICK_ROOT=$(STAGE_ROOT) TIDEWELL_SIM_CONFIG=$(abspath config/tidewell-sim.yml) \
+		$(RELEASE_DIR)/centralizedserver --mode debug --host 127.0.0.1 --port $(PORT) --loglevel info
+
+test: deps
+	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DVISTREL_SANITIZE=ON
+	cmake --build $(ASAN_DIR) -j$(JOBS)
+	cd $(ASAN_DIR) && ctest --output-on-failure -j$(JOBS) --timeout 600
+
+bench:
+	./scripts/install-deps.sh --bench
+	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(RELEASE_DIR) -j$(JOBS)
+	./bench/run-bench.sh $(RELEASE_DIR)
+
+fuzz:
+	./scripts/install-deps.sh --fuzz
+	CXX=clang++ CC=clang cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVISTREL_FUZZ=ON
+	cmake --build $(FUZZ_DIR) -j$(JOBS) --target fuzzers
+
+format:
+	find src include sim tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build

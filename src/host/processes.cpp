@@ -1,0 +1,84 @@
+#include "host/processes.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+namespace vistrel::host {
+
+namespace {
+
+struct ProcessEntry {
+    pid_t pid;
+    std::string command;
+};
+
+std::vector<ProcessEntry> list_processes() {
+    std::vector<ProcessEntry> processes;
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return processes;
+    while (struct dirent* entry = readdir(proc)) {
+        char* end = nullptr;
+        long pid = std::strtol(entry->d_name, &end, 10);
+        if (pid <= 0 || *end != '\0') continue;
+        std::ifstream comm(std::string("/proc/") + entry->d_name + "/comm");
+        std::string command;
+        if (!std::getline(comm, command)) continue;
+        // A zombie has ended already: it only waits for its parent to collect it.
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string stat_line;
+        std::getline(stat, stat_line);
+        size_t close_paren = stat_line.rfind(')');
+        if (close_paren != std::string::npos && close_paren + 2 < stat_line.size() &&
+            stat_line[close_paren + 2] == 'Z') {
+            continue;
+        }
+        processes.push_back({static_cast<pid_t>(pid), command});
+    }
+    closedir(proc);
+    return processes;
+}
+
+std::string upper(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return text;
+}
+
+}  // namespace
+
+bool process_exists(const std::string& name) {
+    for (const auto& process : list_processes()) {
+        if (process.command == name) return true;
+    }
+    return false;
+}
+
+bool end_process_by_name(const std::string& name) {
+    std::string wanted = upper(name);
+    std::vector<pid_t> matches;
+    for (const auto& process : list_processes()) {
+        if (process.pid != getpid() && upper(process.command).find(wanted) != std::string::npos) {
+            matches.push_back(process.pid);
+        }
+    }
+    if (matches.empty()) return true;
+    // An interrupt first, as Ctrl+C would be, so the program can end by itself.
+    for (pid_t pid : matches) kill(pid, SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+    bool all_ended = true;
+    for (pid_t pid : matches) {
+        if (kill(pid, SIGKILL) != 0 && errno != ESRCH) all_ended = false;
+    }
+    return all_ended;
+}
+
+}  // namespace vistrel::host

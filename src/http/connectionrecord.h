@@ -1,0 +1,20 @@
+#pragma once
+
+#include <microhttpd.h>
+
+#include <memory>
+#include <string>
+
+namespace vistrel::http {
+
+// One per HTTP request, kept in libmicrohttpd's per-connection slot from the first call of the
+// access handler until the completion callback.
+struct ConnectionRecord {
+    enum class Type { kGet = 0, kPost = 1 };
+
+    Type type = Type::kGet;
+    MHD_PostProcessor* post_processor = nullptr;  // "/analyzeCapture" uploads only
+    std::string body;                             // JSON POST bodies, collected whole
+};
+
+}  // namespace vistrel::http

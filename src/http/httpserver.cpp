@@ -1,0 +1,186 @@
+#include "http/httpserver.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "devices/deviceregistry.h"
+#include "http/binding.h"
+#include "http/connectionrecord.h"
+#include "http/pages.h"
+#include "http/routes.h"
+#include "startup/configuration.h"
+#include "startup/logger.h"
+
+namespace vistrel::http {
+
+namespace {
+
+std::unique_ptr<HttpServer> g_server;
+std::mutex g_server_creation;
+
+bool is_polled_url(const std::string& url) {
+    return url == "/getCMStatus" || url == "/getTidewells" || url == "/info" ||
+           url == "/analyzeCapture";
+}
+
+QueryArguments arguments_of(MHD_Connection* connection) {
+    return [connection](const std::string& key) -> std::optional<std::string> {
+        const char* value =
+            MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, key.c_str());
+        if (value == nullptr) return std::nullopt;
+        return std::string(value);
+    };
+}
+
+MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
+    QueryArguments arguments = arguments_of(connection);
+    for (const GetRoute& route : get_routes()) {
+        bool matches = route.match_anywhere ? url.find(route.path) != std::string::npos
+                                            : url == route.path;
+        if (!matches || !route.handler) continue;
+        try {
+            return route.handler(GetRequest{connection, url, arguments});
+        } catch (const std::exception& error) {
+            return send_html_page(connection, error.what(), false, 500);
+        }
+    }
+    return send_html_page(connection, "Error : Unknown request " + url, false, 404);
+}
+
+// True when the client is this machine: its address is loopback or the configured host.
+bool is_local_client(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    std::string text;
+    if (info->client_addr->sa_family == AF_INET) {
+        char buffer[22] = {0};
+        const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+        inet_ntop(AF_INET, &address->sin_addr, buffer, sizeof buffer);
+        text = buffer;
+    } else if (info->client_addr->sa_family == AF_INET6) {
+        char buffer[65] = {0};
+        const auto* address = reinterpret_cast<const sockaddr_in6*>(info->client_addr);
+        inet_ntop(AF_INET6, &address->sin6_addr, buffer, sizeof buffer);
+        text = buffer;
+    }
+    return text == "localhost" || text == "127.0.0.1" || text == configuration().host;
+}
+
+MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
+                         ConnectionRecord& record) {
+    for (const PostRoute& route : post_routes()) {
+        if (url != route.path || !route.handler) continue;
+        Reply reply;
+        try {
+            reply = route.handler(
+                PostRequest{connection, url, record.body, record, is_local_client(connection)});
+        } catch (const std::exception& error) {
+            return send_text(connection, error.what(), 500);
+        }
+        return send_text(connection, reply.text, reply.status);
+    }
+    return send_text(connection, "Error : Unknown request " + url, 400);
+}
+
+MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_text,
+                          const char* method_text, const char*, const char* upload_data,
+                          size_t* upload_data_size, void** slot) {
+    const std::string url = url_text != nullptr ? url_text : "";
+    const std::string method = method_text != nullptr ? method_text : "";
+    if (*slot == nullptr) {
+        if (is_polled_url(url)) {
+            LOG_DEBUG("Request for url: '%s'", url.c_str());
+        } else {
+            LOG_NORMAL("Request for url: '%s'", url.c_str());
+        }
+        // libmicrohttpd owns the record through the slot until the completion callback.
+        auto* record = new (std::nothrow) ConnectionRecord();
+        if (record == nullptr) return MHD_NO;
+        record->type = method == "POST" ? ConnectionRecord::Type::kPost
+                                        : ConnectionRecord::Type::kGet;
+        *slot = record;
+        return MHD_YES;
+    }
+    auto* record = static_cast<ConnectionRecord*>(*slot);
+    if (method == "GET") return dispatch_get(connection, url);
+    if (method == "OPTIONS") return send_text(connection, "Method OPTIONS is not supported", 400);
+    if (method != "POST") return send_text(connection, "Error : Unknown request", 400);
+
+    if (*upload_data_size != 0) {
+        record->body.append(upload_data, *upload_data_size);
+        *upload_data_size = 0;
+        return MHD_YES;
+    }
+    return dispatch_post(connection, url, *record);
+}
+
+void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {
+    auto* record = static_cast<ConnectionRecord*>(*slot);
+    if (record == nullptr) return;
+    if (record->post_processor != nullptr) {
+        MHD_destroy_post_processor(record->post_processor);
+        record->post_processor = nullptr;
+        LOG_NORMAL("Destroyed postprocessor");
+    }
+    delete record;
+    *slot = nullptr;
+}
+
+}  // namespace
+
+HttpServer::HttpServer() = default;
+
+HttpServer::~HttpServer() {
+    LOG_NORMAL("Finishing server...");
+    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
+    stop_daemon();
+}
+
+int HttpServer::start() {
+    if (daemon_ != nullptr) return kAlreadyRunning;
+    Configuration& config = configuration();
+    std::optional<sockaddr_storage> address = choose_listen_address(config);
+    const unsigned flags =
+        MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD;
+    const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
+    if (address) {
+        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
+                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
+                                   MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&*address),
+                                   MHD_OPTION_END);
+    } else {
+        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
+                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
+                                   MHD_OPTION_END);
+    }
+    if (daemon_ == nullptr) return kDaemonFailed;
+    LOG_NORMAL("Using Port number: %d", static_cast<int>(config.port));
+    return kListening;
+}
+
+void HttpServer::stop_daemon() {
+    if (daemon_ != nullptr) {
+        MHD_stop_daemon(daemon_);
+        daemon_ = nullptr;
+    }
+}
+
+HttpServer& HttpServer::instance() {
+    std::lock_guard<std::mutex> lock(g_server_creation);
+    if (!g_server) g_server = std::make_unique<HttpServer>();
+    return *g_server;
+}
+
+void HttpServer::destroy() {
+    std::lock_guard<std::mutex> lock(g_server_creation);
+    g_server.reset();
+}
+
+}  // namespace vistrel::http

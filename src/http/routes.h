@@ -1,0 +1,51 @@
+#pragma once
+
+#include <microhttpd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "http/reply.h"
+
+namespace vistrel::http {
+
+struct ConnectionRecord;
+
+struct GetRequest {
+    MHD_Connection* connection;
+    const std::string& url;
+    const QueryArguments& arguments;
+};
+
+struct PostRequest {
+    MHD_Connection* connection;
+    const std::string& url;
+    const std::string& body;
+    ConnectionRecord& record;
+    bool local_client;  // the client is this machine (for uploads)
+};
+
+// A GET handler queues its own response (downloads stream; most just send a Reply).
+using GetHandler = std::function<MHD_Result(const GetRequest&)>;
+using PostHandler = std::function<Reply(const PostRequest&)>;
+
+struct GetRoute {
+    std::string path;
+    bool match_anywhere;  // the path may appear anywhere in the URL ("/img/")
+    GetHandler handler;   // empty: not served yet, answered as an unknown request
+};
+
+struct PostRoute {
+    std::string path;
+    PostHandler handler;
+};
+
+// The tables in the order they are searched; the first match wins.
+const std::vector<GetRoute>& get_routes();
+const std::vector<PostRoute>& post_routes();
+
+// Adapts a handler that yields a Reply into a GET handler that sends it as text.
+GetHandler reply_handler(std::function<Reply(const QueryArguments&)> handler);
+
+}  // namespace vistrel::http

@@ -1,0 +1,122 @@
+// The HTTP core of the running server: dispatch, reply conventions, static files, methods.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "support/server_process.h"
+
+namespace vistrel {
+namespace {
+
+using testing::ServerProcess;
+using testing::write_file;
+
+// One server for the whole suite: these checks do not change its state.
+class HttpCoreTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        server_ = new ServerProcess();
+        ASSERT_TRUE(server_->start());
+    }
+    static void TearDownTestSuite() {
+        delete server_;
+        server_ = nullptr;
+    }
+    static testing::HttpClient client() { return server_->client(); }
+    static ServerProcess* server_;
+};
+
+ServerProcess* HttpCoreTest::server_ = nullptr;
+
+TEST_F(HttpCoreTest, AliveOnRootAndStatusWithoutCorsHeaders) {
+    for (const char* path : {"/", "/getStatus"}) {
+        testing::HttpResponse response = client().get(path);
+        EXPECT_EQ(response.status, 200) << path;
+        EXPECT_EQ(response.body, "Centralized Server Alive") << path;
+        EXPECT_EQ(response.headers.count("access-control-allow-origin"), 0u);
+    }
+    EXPECT_TRUE(server_->wait_for_log("Request for url: '/getStatus'"));
+}
+
+TEST_F(HttpCoreTest, UnknownRequestsAnswerByMethod) {
+    testing::HttpResponse info = client().get("/info?x=1");
+    EXPECT_EQ(info.status, 404);
+    EXPECT_EQ(info.body, "<html><body>Error : Unknown request /info</body></html>");
+
+    testing::HttpResponse post = client().post("/nosuch", "{}");
+    EXPECT_EQ(post.status, 400);
+    EXPECT_EQ(post.body, "Error : Unknown request /nosuch");
+
+    testing::HttpResponse options = client().request("OPTIONS", "/getStatus");
+    EXPECT_EQ(options.status, 400);
+    EXPECT_EQ(options.body, "Method OPTIONS is not supported");
+
+    for (const char* method : {"PUT", "DELETE", "PATCH"}) {
+        testing::HttpResponse other = client().request(method, "/getStatus", "body");
+        EXPECT_EQ(other.status, 400) << method;
+        EXPECT_EQ(other.body, "Error : Unknown request") << method;
+    }
+}
+
+TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
+    std::string content(100000, '\0');
+    for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
+    write_file(server_->sandbox().file("x/img/logo.png"), content);
+    testing::HttpResponse found = client().get("/x/img/logo.png");
+    EXPECT_EQ(found.status, 200);
+    EXPECT_EQ(found.body, content);
+
+    testing::HttpResponse missing = client().get("/img/none.png");
+    EXPECT_EQ(missing.status, 404);
+    EXPECT_EQ(missing.body,
+              "<html><head><title>File not found</title></head><body>File not found</body></html>");
+}
+
+TEST_F(HttpCoreTest, HostDocumentsAnswer) {
+    testing::HttpResponse disk = client().get("/getDiskSpace");
+    EXPECT_EQ(disk.status, 200);
+    nlohmann::json document = nlohmann::json::parse(disk.body);
+    EXPECT_EQ(document["unit"], "GB");
+    EXPECT_GT(std::stoll(document["total_space"].get<std::string>()), 0);
+    EXPECT_EQ(disk.body.rfind("{\"total_space\":\"", 0), 0u);
+
+    testing::HttpResponse interfaces = client().get("/getInterfaces");
+    EXPECT_EQ(interfaces.status, 200);
+    nlohmann::json list = nlohmann::json::parse(interfaces.body);
+    ASSERT_TRUE(list.is_array());
+    for (const auto& adapter : list) {
+        EXPECT_NE(adapter["name"], "lo");
+        EXPECT_TRUE(adapter.contains("id") && adapter.contains("mac") && adapter.contains("capturing"));
+    }
+}
+
+TEST_F(HttpCoreTest, GarbageOnTheSocketDoesNotTakeTheServerDown) {
+    for (const std::string& garbage :
+         {std::string("NOT HTTP AT ALL\r\n\r\n"), std::string("GET /\x01\x02 HTTP/9.9\r\n\r\n"),
+          std::string("POST /search HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n"),
+          std::string(70000, 'A')}) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(server_->port()));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ssize_t sent = send(fd, garbage.data(), garbage.size(), MSG_NOSIGNAL);
+        (void)sent;
+        shutdown(fd, SHUT_WR);
+        char buffer[512];
+        while (recv(fd, buffer, sizeof buffer, 0) > 0) {
+        }
+        close(fd);
+    }
+    EXPECT_EQ(client().get("/getStatus").status, 200);
+}
+
+}  // namespace
+}  // namespace vistrel

@@ -1,0 +1,243 @@
+#include "startup/configuration.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host/disk.h"
+#include "host/paths.h"
+#include "startup/commandline.h"
+#include "support/temp_dir.h"
+
+namespace vistrel {
+namespace {
+
+using testing::TempDir;
+using testing::write_file;
+
+// Each test gets its own profile and program folders and a fresh configuration record.
+class CommandLineTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("HOME", dir_.file("home").c_str(), 1);
+        setenv("QUELLWICK_ROOT", dir_.file("quellwick").c_str(), 1);
+        std::filesystem::create_directories(dir_.file("home"));
+        config_.reset();
+    }
+
+    CommandLineResult parse(std::vector<std::string> words) {
+        words.insert(words.begin(), "centralizedserver");
+        std::vector<char*> argv;
+        for (auto& word : words) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        ::testing::internal::CaptureStdout();
+        CommandLineResult result =
+            load_command_line(config_, static_cast<int>(words.size()), argv.data());
+        printed_ = ::testing::internal::GetCapturedStdout();
+        return result;
+    }
+
+    bool printed(const std::string& text) const { return printed_.find(text) != std::string::npos; }
+
+    std::string home() const { return dir_.file("home"); }
+
+    TempDir dir_;
+    Configuration config_;
+    std::string printed_;
+};
+
+TEST_F(CommandLineTest, DefaultsDeriveTheCapturesTreeAndBindToLoopback) {
+    CommandLineResult result = parse({"--mode", "debug"});
+    EXPECT_TRUE(result.proceed);
+    EXPECT_FALSE(result.exit_code);
+    EXPECT_EQ(config_.captures, home() + "/Documents/Vistrel");
+    EXPECT_EQ(config_.capture_path, home() + "/Documents/Vistrel/captures");
+    EXPECT_EQ(config_.analyze_capture_path, home() + "/Documents/Vistrel/analyzed_captures");
+    EXPECT_TRUE(host::folder_exists(config_.capture_path));
+    EXPECT_TRUE(host::folder_exists(config_.analyze_capture_path));
+    EXPECT_TRUE(printed("[Set Up] Captures parent path: '" + home() + "/Documents/Vistrel'"));
+    EXPECT_TRUE(printed("[Set Up] Missing config, binding to defaults - 127.0.0.1"));
+    EXPECT_EQ(config_.host, "127.0.0.1");
+    EXPECT_EQ(config_.port, 8081u);
+    EXPECT_EQ(config_.database, dir_.file("quellwick") + "/vistrel/centralizedserver/vistrel-cs.db");
+    EXPECT_TRUE(host::folder_exists(dir_.file("quellwick") + "/vistrel/centralizedserver"));
+}
+
+TEST_F(CommandLineTest, RelativePathsResolveUnderTheProfileFolder) {
+    EXPECT_TRUE(parse({"--mode", "debug", "--captures", "data/caps", "--database", "db\\x.db"})
+                    .proceed);
+    EXPECT_EQ(config_.captures, home() + "/data/caps");
+    EXPECT_EQ(config_.capture_path, home() + "/data/caps/captures");
+    EXPECT_EQ(config_.database, home() + "/db/x.db");
+    EXPECT_EQ(host::resolve_path("/abs/olute"), "/abs/olute");
+    EXPECT_EQ(host::resolve_path("sub" + home() + "/x"), home() + "/sub/x");
+}
+
+TEST_F(CommandLineTest, PortOutsideTheUserRangeIsCorrectedNotRejected) {
+    for (auto [given, kept] : std::vector<std::pair<std::string, uint32_t>>{
+             {"1023", 8081}, {"49152", 8081}, {"1024", 1024}, {"49151", 49151}, {"abc", 8081}}) {
+        config_.reset();
+        EXPECT_TRUE(parse({"--mode", "debug", "--port", given}).proceed) << given;
+        EXPECT_EQ(config_.port, kept) << given;
+        bool corrected = kept == 8081;
+        EXPECT_EQ(printed("[Set Up] Bad configuration, incorrect port number "), corrected) << given;
+    }
+    config_.reset();
+    parse({"--mode", "debug", "--port", "1023"});
+    EXPECT_TRUE(printed("[Set Up] Bad configuration, incorrect port number 1023, using default "
+                        "port 8081 instead"));
+}
+
+TEST_F(CommandLineTest, HostMustBeIPv4OrLocalhost) {
+    EXPECT_TRUE(parse({"--mode", "debug", "--host", "localhost"}).proceed);
+    EXPECT_EQ(config_.host, "127.0.0.1");
+
+    config_.reset();
+    EXPECT_FALSE(parse({"--mode", "debug", "--host", "::1"}).proceed);
+    EXPECT_TRUE(printed("[Set Up] Invalid host address '::1'"));
+
+    // The message names the last option argument the parser handled, not the host.
+    config_.reset();
+    EXPECT_FALSE(parse({"--host", "10.0.0.300", "--mode", "debug"}).proceed);
+    EXPECT_TRUE(printed("[Set Up] Invalid host address 'debug'"));
+}
+
+TEST_F(CommandLineTest, InterfaceMustExistUnlessAHostIsGiven) {
+    EXPECT_FALSE(parse({"--mode", "debug", "--interface", "nosuch0"}).proceed);
+    EXPECT_TRUE(printed("[Set Up] Invalid interface 'nosuch0'. Unable to start 'nosuch0'"));
+
+    config_.reset();
+    EXPECT_TRUE(parse({"--mode", "debug", "--interface", "lo"}).proceed);
+    EXPECT_EQ(config_.host, "");
+    config_.reset();
+    EXPECT_FALSE(parse({"--mode", "debug", "--interface", "LO"}).proceed);
+
+    config_.reset();
+    EXPECT_TRUE(parse({"--mode", "debug", "--interface", "nosuch0", "--host", "127.0.0.1"}).proceed);
+}
+
+TEST_F(CommandLineTest, DatabaseNeedsALowerCaseDbExtension) {
+    EXPECT_FALSE(parse({"--mode", "debug", "--database", "/tmp/x.DB"}).proceed);
+    config_.reset();
+    EXPECT_FALSE(parse({"--mode", "debug", "--database", "/tmp/x.sqlite"}).proceed);
+    config_.reset();
+    // A folder that cannot be made (its parent is a file) is reported.
+    write_file(dir_.file("plain"), "x");
+    EXPECT_FALSE(parse({"--mode", "debug", "--database", dir_.file("plain") + "/sub/x.db"}).proceed);
+    EXPECT_TRUE(printed("[Set Up] Server failed to start. Unable to create database file at '" +
+                        dir_.file("plain") + "/sub/x.db'"));
+}
+
+TEST_F(CommandLineTest, OptionQuirksAndExitCodes) {
+    CommandLineResult help = parse({"-h", "foo"});
+    EXPECT_EQ(help.exit_code, 0);
+    EXPECT_TRUE(printed("Usage:\n centralized-server <options> --mode <mode>\n"));
+
+    CommandLineResult bare_help = parse({"-h"});
+    EXPECT_EQ(bare_help.exit_code, -1);
+    EXPECT_TRUE(printed("[Set Up] Unrecognized option. Unable to continue\nCentralized Server"));
+
+    EXPECT_EQ(parse({"--help", "--mode", "Start"}).exit_code, 0);
+    EXPECT_EQ(parse({"--version"}).exit_code, 0);
+    EXPECT_EQ(printed_, "centralizedserver v.2019.03.25\n");
+
+    EXPECT_EQ(parse({"-r", "x"}).exit_code, 0);
+    EXPECT_EQ(printed_, "[Set Up] Unknown option -'114': Exiting\n");
+
+    EXPECT_EQ(parse({"--mode", "Start"}).exit_code, -1);
+    EXPECT_TRUE(printed("[Set Up] Invalid run mode 'Start', unable to continue"));
+    EXPECT_EQ(config_.mode, "invalid");
+
+    EXPECT_EQ(parse({"--nosuch"}).exit_code, -1);
+    EXPECT_EQ(parse({"--capture-path"}).exit_code, -1);  // missing argument
+
+    config_.reset();
+    EXPECT_TRUE(parse({"--mode", "debug", "--loglevel", "verbose"}).proceed);
+    EXPECT_EQ(config_.loglevel, 2u);
+    config_.reset();
+    EXPECT_TRUE(parse({"--mode", "debug", "--loglevel", "trace", "--from-manager"}).proceed);
+    EXPECT_EQ(config_.loglevel, 9u);
+}
+
+TEST_F(CommandLineTest, ConfigFileResetsEarlierOptionsAndLaterOptionsWin) {
+    std::string file = dir_.file("x.yml");
+    write_file(file, "general:\n  mode: daemon\nserver:\n  host: 127.0.0.1\n");
+
+    EXPECT_TRUE(parse({"--mode", "start", "--port", "9000", "--config", file}).proceed);
+    EXPECT_EQ(config_.mode, "daemon");
+    EXPECT_EQ(config_.port, 8081u);
+    EXPECT_TRUE(config_.loaded_from_file);
+    EXPECT_EQ(config_.config_file, file);
+
+    config_.reset();
+    EXPECT_TRUE(parse({"--config", file, "--mode", "start", "--port", "9000"}).proceed);
+    EXPECT_EQ(config_.mode, "start");
+    EXPECT_EQ(config_.port, 9000u);
+}
+
+TEST_F(CommandLineTest, YamlFileErrorsEndWithTheirMessages) {
+    EXPECT_EQ(parse({"--config", dir_.file("missing.yml")}).exit_code, -1);
+    EXPECT_TRUE(printed("[Config Load] File at '" + dir_.file("missing.yml") +
+                        "' does not exist or can't be open"));
+    EXPECT_TRUE(printed("[Set Up] Your current configuration file (" + dir_.file("missing.yml") +
+                        ") does not exist or the yaml is wrong"));
+
+    write_file(dir_.file("broken.yml"), "general: [unclosed\n");
+    EXPECT_EQ(parse({"--config", dir_.file("broken.yml")}).exit_code, -1);
+    EXPECT_TRUE(printed("[Config Load] Error reading config file at '" + dir_.file("broken.yml") +
+                        "', is your config ok?"));
+
+    write_file(dir_.file("badbool.yml"), "server:\n  bindall: maybe\n");
+    EXPECT_EQ(parse({"--config", dir_.file("badbool.yml")}).exit_code, -1);
+    EXPECT_TRUE(printed("[Config Load] Error reading config file"));
+
+    write_file(dir_.file("badmode.yml"), "general:\n  mode: Debug\n");
+    EXPECT_EQ(parse({"--config", dir_.file("badmode.yml")}).exit_code, -1);
+}
+
+TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
+    write_file(dir_.file("x.yml"),
+               "general:\n  captures: caps\n  loglevel: debug\n  ntp_server: 127.0.0.1:1123\n"
+               "database: dbs/v.db\n");
+    EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
+    EXPECT_TRUE(printed("[Config Load] No server configuration found, binding to all as default"));
+    EXPECT_TRUE(config_.bindall);
+    EXPECT_EQ(config_.host, "");
+    EXPECT_EQ(config_.mode, "start");
+    EXPECT_EQ(config_.loglevel, 6u);
+    EXPECT_EQ(config_.ntp_server, "127.0.0.1:1123");
+    EXPECT_EQ(config_.captures, home() + "/caps");
+    EXPECT_EQ(config_.capture_path, home() + "/caps/captures");
+    EXPECT_EQ(config_.database, home() + "/dbs/v.db");
+}
+
+TEST_F(CommandLineTest, WrittenCopyLoadsBackToTheSameSettings) {
+    ASSERT_TRUE(parse({"--mode", "daemon", "--host", "127.0.0.1", "--port", "9100", "--loglevel",
+                       "info", "--interface", "lo"})
+                    .proceed);
+    std::string copy = dir_.file("latest_config.yml");
+    ASSERT_EQ(config_.write_yaml(copy), 0);
+
+    Configuration reloaded;
+    reloaded.reset();
+    reloaded.config_file = copy;
+    ASSERT_TRUE(reloaded.load_yaml());
+    EXPECT_EQ(reloaded.mode, "daemon");
+    EXPECT_EQ(reloaded.host, "127.0.0.1");
+    EXPECT_EQ(reloaded.port, 9100u);
+    EXPECT_EQ(reloaded.loglevel, 3u);
+    EXPECT_EQ(reloaded.captures, config_.captures);
+    EXPECT_EQ(reloaded.database, config_.database);
+
+    ::testing::internal::CaptureStdout();
+    EXPECT_NE(config_.write_yaml(dir_.file("no/such/folder/latest_config.yml")), 0);
+    std::string printed = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed.rfind("Error Wrinting Yaml Config #", 0), 0u) << printed;
+    EXPECT_EQ(printed.back(), '\n');
+}
+
+}  // namespace
+}  // namespace vistrel

@@ -1,0 +1,177 @@
+// The real binary, started in a sandbox: run modes, exit codes, printed texts, stop signals.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "support/server_process.h"
+
+namespace vistrel {
+namespace {
+
+using testing::ProgramRun;
+using testing::ServerProcess;
+using testing::write_file;
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> debug_arguments(const ServerProcess& server) {
+    return {"--mode", "debug", "--host", "127.0.0.1", "--port", std::to_string(server.port())};
+}
+
+TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
+    ServerProcess server;
+    ProgramRun no_arguments = server.run({});
+    EXPECT_EQ(no_arguments.exit_code, 255);
+    EXPECT_TRUE(contains(no_arguments.output, "Usage:\n centralized-server <options> --mode <mode>"));
+    // The log exists already: it is opened before the command line is read.
+    EXPECT_TRUE(contains(server.log(), "Logging into " + server.log_path()));
+
+    ProgramRun version = server.run({"--version"});
+    EXPECT_EQ(version.exit_code, 0);
+    EXPECT_TRUE(contains(version.output, "centralizedserver v.2019.03.25\n"));
+
+    ProgramRun unknown = server.run({"-r", "x"});
+    EXPECT_EQ(unknown.exit_code, 0);
+    EXPECT_TRUE(contains(unknown.output, "[Set Up] Unknown option -'114': Exiting"));
+
+    ProgramRun capital = server.run({"--mode", "Debug"});
+    EXPECT_EQ(capital.exit_code, 255);
+    EXPECT_TRUE(contains(capital.output, "[Set Up] Invalid run mode 'Debug', unable to continue"));
+
+    ProgramRun bad_host = server.run({"--mode", "debug", "--host", "::1"});
+    EXPECT_EQ(bad_host.exit_code, 1);
+    EXPECT_TRUE(contains(bad_host.output, "[Set Up] Error loading configuration\n"));
+    EXPECT_TRUE(contains(server.log(), "ERROR: [Set Up] Can't load configuration"));
+}
+
+TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
+    ServerProcess server;
+    ProgramRun run = server.run({"--mode", "stop", "--host", "127.0.0.1", "--port",
+                                 std::to_string(server.port())});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_TRUE(contains(run.output, "[Will run as] host=127.0.0.1\n"));
+    EXPECT_TRUE(contains(run.output, "[Will run as] port=" + std::to_string(server.port())));
+    std::string log = server.log();
+    EXPECT_TRUE(contains(log, "Received STOP command"));
+    EXPECT_TRUE(contains(log, "Centralized Server @ Vistrel"));
+    EXPECT_TRUE(contains(log, "centralizedserver v.2019.03.25"));
+    EXPECT_TRUE(contains(log, "Configuration:host=127.0.0.1;port=" + std::to_string(server.port())));
+    EXPECT_TRUE(contains(log, "WARNING: Closing Server..."));
+    EXPECT_LT(log.find("Received STOP command"), log.find("Closing Server..."));
+    // The effective configuration was written beside the default database.
+    std::string copy = server.quellwick_root() + "/vistrel/centralizedserver/latest_config.yml";
+    EXPECT_TRUE(contains(testing::read_file(copy), "mode: stop"));
+}
+
+TEST(Lifecycle, EveryStartTruncatesTheLogAndErrorLevelSilencesIt) {
+    ServerProcess server;
+    std::vector<std::string> arguments = {"--mode", "stop", "--port",
+                                          std::to_string(server.port()), "--loglevel", "error"};
+    server.run(arguments);
+    EXPECT_EQ(server.log(), "");
+    server.run({"--mode", "stop", "--port", std::to_string(server.port())});
+    std::string log = server.log();
+    EXPECT_EQ(log.find("Logging into"), log.rfind("Logging into"));
+}
+
+TEST(Lifecycle, UnwritableBackupFolderDoesNotStopTheStart) {
+    ServerProcess server;
+    std::filesystem::remove_all(server.quellwick_root() + "/vistrel/centralizedserver");
+    write_file(server.quellwick_root() + "/vistrel/centralizedserver", "a file, not a folder");
+    ProgramRun run = server.run({"--mode", "stop", "--port", std::to_string(server.port()),
+                                 "--database", server.sandbox().file("db/v.db")});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_TRUE(contains(run.output, "[Error] Unable to make config file backup. Check "
+                                     "permissions at " +
+                                         server.quellwick_root() +
+                                         "/vistrel/centralizedserver/latest_config.yml\n"));
+    EXPECT_TRUE(contains(server.log(), "Closing Server..."));
+}
+
+TEST(Lifecycle, DebugModeStopsOnAKeyButNotOnEndOfInput) {
+    ServerProcess server;
+    ASSERT_TRUE(server.start());
+    EXPECT_TRUE(server.wait_for_log("Server running, press any key to stop...."));
+    server.close_stdin();  // end of file is not a key
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(server.running());
+    EXPECT_EQ(server.client().get("/").status, 200);
+
+    ServerProcess keyed;
+    ASSERT_TRUE(keyed.start());
+    keyed.write_stdin("q");
+    EXPECT_EQ(keyed.wait_for_exit(), 0);
+    EXPECT_TRUE(contains(keyed.log(), "Closing Server..."));
+}
+
+TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
+    ServerProcess server;
+    ASSERT_TRUE(server.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
+                              std::to_string(server.port())}));
+    ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
+    std::string fifo = server.tmpdir() + "/HTTPServerES";
+    struct stat info {};
+    ASSERT_EQ(stat(fifo.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISFIFO(info.st_mode));
+
+    // A second daemon cannot take the FIFO of a live one.
+    ServerProcess second;
+    ASSERT_TRUE(std::filesystem::remove_all(second.tmpdir()));
+    std::filesystem::create_symlink(server.tmpdir(), second.tmpdir());
+    ASSERT_TRUE(second.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
+                              std::to_string(second.port())}));
+    EXPECT_TRUE(contains(second.output(), "[Daemon] Failed to create pipe\n"));
+    EXPECT_EQ(second.stop(), 0);
+
+    // A writer that closes without writing is no signal.
+    int silent = open(fifo.c_str(), O_WRONLY);
+    ASSERT_GE(silent, 0);
+    close(silent);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(server.running());
+    EXPECT_EQ(server.client().get("/getStatus").body, "Centralized Server Alive");
+
+    int writer = open(fifo.c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    ASSERT_EQ(write(writer, "x", 1), 1);
+    close(writer);
+    EXPECT_EQ(server.wait_for_exit(), 0);
+    EXPECT_FALSE(std::filesystem::exists(fifo));
+}
+
+TEST(Lifecycle, DaemonReclaimsAStaleFifo) {
+    ServerProcess server;
+    std::string fifo = server.tmpdir() + "/HTTPServerES";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_TRUE(server.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
+                              std::to_string(server.port())}));
+    ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
+    EXPECT_FALSE(contains(server.output(), "Failed to create pipe"));
+    int writer = open(fifo.c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    ASSERT_EQ(write(writer, "x", 1), 1);
+    close(writer);
+    EXPECT_EQ(server.wait_for_exit(), 0);
+}
+
+TEST(Lifecycle, TerminationSignalsShutDownCleanly) {
+    for (int signal_number : {SIGTERM, SIGINT}) {
+        ServerProcess server;
+        ASSERT_TRUE(server.start());
+        kill(server.pid(), signal_number);
+        EXPECT_EQ(server.wait_for_exit(), 0);
+        EXPECT_TRUE(contains(server.log(), "Closing Server..."));
+    }
+}
+
+}  // namespace
+}  // namespace vistrel

@@ -1,0 +1,138 @@
+#include "support/http_client.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace vistrel::testing {
+
+namespace {
+
+struct CurlDeleter {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+
+size_t append_body(char* data, size_t size, size_t count, void* target) {
+    static_cast<std::string*>(target)->append(data, size * count);
+    return size * count;
+}
+
+size_t append_header(char* data, size_t size, size_t count, void* target) {
+    std::string line(data, size * count);
+    size_t colon = line.find(':');
+    if (colon != std::string::npos) {
+        std::string name = line.substr(0, colon);
+        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+        std::string value = line.substr(colon + 1);
+        value.erase(0, value.find_first_not_of(" \t"));
+        value.erase(value.find_last_not_of("\r\n") + 1);
+        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
+    }
+    return size * count;
+}
+
+std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpResponse& response) {
+    std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
+    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, 120L);
+    curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, append_body);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &response.body);
+    curl_easy_setopt(handle.get(), CURLOPT_HEADERFUNCTION, append_header);
+    curl_easy_setopt(handle.get(), CURLOPT_HEADERDATA, &response.headers);
+    return handle;
+}
+
+void perform(CURL* handle, HttpResponse& response) {
+    if (curl_easy_perform(handle) == CURLE_OK) {
+        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
+    } else {
+        response.status = 0;
+    }
+}
+
+}  // namespace
+
+HttpResponse HttpClient::get(const std::string& path_and_query) const {
+    HttpResponse response;
+    auto handle = make_handle(base_url_ + path_and_query, response);
+    perform(handle.get(), response);
+    return response;
+}
+
+HttpResponse HttpClient::post(const std::string& path, const std::string& body,
+                              const std::string& content_type) const {
+    HttpResponse response;
+    auto handle = make_handle(base_url_ + path, response);
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    std::string header = "Content-Type: " + content_type;
+    curl_slist* headers = curl_slist_append(nullptr, header.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, headers);
+    perform(handle.get(), response);
+    curl_slist_free_all(headers);
+    return response;
+}
+
+HttpResponse HttpClient::request(const std::string& method, const std::string& path,
+                                 const std::string& body) const {
+    HttpResponse response;
+    auto handle = make_handle(base_url_ + path, response);
+    curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+    if (method == "HEAD") curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
+    if (!body.empty()) {
+        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
+        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    }
+    perform(handle.get(), response);
+    return response;
+}
+
+HttpResponse HttpClient::post_form(const std::string& path,
+                                   const std::vector<FormPart>& parts) const {
+    HttpResponse response;
+    auto handle = make_handle(base_url_ + path, response);
+    curl_mime* form = curl_mime_init(handle.get());
+    for (const FormPart& part : parts) {
+        curl_mimepart* field = curl_mime_addpart(form);
+        curl_mime_name(field, part.name.c_str());
+        curl_mime_data(field, part.content.data(), part.content.size());
+        if (!part.file_name.empty()) curl_mime_filename(field, part.file_name.c_str());
+    }
+    curl_easy_setopt(handle.get(), CURLOPT_MIMEPOST, form);
+    perform(handle.get(), response);
+    curl_mime_free(form);
+    return response;
+}
+
+HttpResponse HttpClient::download(const std::string& path_and_query,
+                                  const std::string& file) const {
+    HttpResponse response;
+    auto handle = make_handle(base_url_ + path_and_query, response);
+    FILE* out = std::fopen(file.c_str(), "wb");
+    if (out == nullptr) return response;
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, nullptr);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, out);
+    perform(handle.get(), response);
+    std::fclose(out);
+    return response;
+}
+
+std::string url_encode(const std::string& text) {
+    std::string encoded;
+    char buffer[4];
+    for (unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+            encoded += static_cast<char>(c);
+        } else {
+            std::snprintf(buffer, sizeof buffer, "%%%02X", c);
+            encoded += buffer;
+        }
+    }
+    return encoded;
+}
+
+}  // namespace vistrel::testing
