@@ -64,6 +64,7 @@ bool process_exists(const std::string& name) {
 
 bool end_process_by_name(const std::string& name) {
     std::string wanted = upper(name);
+    if (wanted.empty()) return true;  // an empty name would match every process
     std::vector<pid_t> matches;
     for (const auto& process : list_processes()) {
         if (process.pid != getpid() && upper(process.command).find(wanted) != std::string::npos) {
