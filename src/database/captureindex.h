@@ -9,7 +9,7 @@ namespace vistrel::database {
 
 // One capture file known to the index. Times are nanoseconds since the Unix epoch.
 class CaptureFileRecord {
-public:
+  public:
     virtual ~CaptureFileRecord() = default;
 
     std::string es_index;

@@ -109,6 +109,11 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
         return MHD_YES;
     }
     auto* record = static_cast<ConnectionRecord*>(*slot);
+    if (method != "POST" && *upload_data_size != 0) {
+        // Only POST bodies mean something; others are read and dropped before the answer.
+        *upload_data_size = 0;
+        return MHD_YES;
+    }
     if (method == "GET") return dispatch_get(connection, url);
     if (method == "OPTIONS") return send_text(connection, "Method OPTIONS is not supported", 400);
     if (method != "POST") return send_text(connection, "Error : Unknown request", 400);

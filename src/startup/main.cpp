@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "database/startup.h"
 #include "devices/deviceregistry.h"
 #include "host/paths.h"
 #include "http/httpserver.h"
@@ -29,13 +30,13 @@ int shut_down() {
 // Creates the database file and its tables; non-zero on failure.
 int initialise_database() {
     // DATABASE: schema
-    return 0;
+    return static_cast<int>(vistrel::database::initialise_database());
 }
 
 // Empties the database; the result is the process's exit code.
 int run_database_cleanup() {
     // DATABASE: cleanup
-    return 0;
+    return static_cast<int>(vistrel::database::cleanup_database());
 }
 
 }  // namespace

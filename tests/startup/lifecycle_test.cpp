@@ -23,10 +23,6 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-std::vector<std::string> debug_arguments(const ServerProcess& server) {
-    return {"--mode", "debug", "--host", "127.0.0.1", "--port", std::to_string(server.port())};
-}
-
 TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
     ServerProcess server;
     ProgramRun no_arguments = server.run({});
@@ -77,7 +73,10 @@ TEST(Lifecycle, EveryStartTruncatesTheLogAndErrorLevelSilencesIt) {
     std::vector<std::string> arguments = {"--mode", "stop", "--port",
                                           std::to_string(server.port()), "--loglevel", "error"};
     server.run(arguments);
-    EXPECT_EQ(server.log(), "");
+    // The log opens at the normal level; the configured threshold silences everything after.
+    std::string silent = server.log();
+    EXPECT_TRUE(contains(silent, "Logging into"));
+    EXPECT_EQ(silent.find('\n'), silent.size() - 1) << silent;
     server.run({"--mode", "stop", "--port", std::to_string(server.port())});
     std::string log = server.log();
     EXPECT_EQ(log.find("Logging into"), log.rfind("Logging into"));
@@ -95,6 +94,26 @@ TEST(Lifecycle, UnwritableBackupFolderDoesNotStopTheStart) {
                                          server.quellwick_root() +
                                          "/vistrel/centralizedserver/latest_config.yml\n"));
     EXPECT_TRUE(contains(server.log(), "Closing Server..."));
+}
+
+TEST(Lifecycle, DatabaseThatCannotBeCreatedShutsDownWithExitZero) {
+    ServerProcess server;
+    // A folder where the file should be, both at the path and in the working folder, which
+    // is where the database falls back to.
+    std::filesystem::create_directories(server.sandbox().file("db/x.db"));
+    std::filesystem::create_directories(server.sandbox().file("x.db"));
+    ProgramRun run = server.run({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                                 std::to_string(server.port()), "--database",
+                                 server.sandbox().file("db/x.db")});
+    EXPECT_EQ(run.exit_code, 0);
+    std::string log = server.log();
+    size_t failed = log.find("ERROR: Failed to initialize database");
+    size_t permissions = log.find("WARNING: Check your permissions?");
+    size_t closing = log.find("WARNING: Closing Server...");
+    ASSERT_NE(failed, std::string::npos) << log;
+    EXPECT_LT(failed, permissions);
+    EXPECT_LT(permissions, closing);
+    EXPECT_FALSE(contains(log, "Server running"));
 }
 
 TEST(Lifecycle, DebugModeStopsOnAKeyButNotOnEndOfInput) {

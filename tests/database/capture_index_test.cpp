@@ -1,0 +1,196 @@
+#include <vector>
+
+#include "database/captureindex.h"
+#include "database/captureindexquery.h"
+#include "database/database_fixture.h"
+#include "database/resultcodes.h"
+#include "database/sessionrecords.h"
+#include "database/vistreldatabase.h"
+
+namespace vistrel::database {
+namespace {
+
+using testing::DatabaseFixture;
+
+CaptureQuery make_query(uint64_t start, uint64_t end, std::string es_index = "",
+                        std::vector<std::string> sources = {}) {
+    CaptureQuery query;
+    query.start = start;
+    query.end = end;
+    query.es_index = std::move(es_index);
+    query.sources = std::move(sources);
+    return query;
+}
+
+TEST(CaptureWhereTextTest, RangeIndexAndSourcesAreJoinedAndOrdered) {
+    EXPECT_EQ(capture_where_text(make_query(100, 200)),
+              "( start_ts BETWEEN 100 AND 200 OR end_ts BETWEEN 100 AND 200 ) ORDER BY start_ts "
+              "ASC");
+    EXPECT_EQ(capture_where_text(make_query(100, 0, "idx", {"a", "b"})),
+              "end_ts >= 100 AND es_index = 'idx' AND source IN ('a','b') ORDER BY start_ts ASC");
+    EXPECT_EQ(capture_where_text(make_query(0, 200)), "start_ts < 200 ORDER BY start_ts ASC");
+    EXPECT_EQ(capture_where_text(make_query(0, 0, "", {"a"})),
+              "source IN ('a') ORDER BY start_ts ASC");
+    EXPECT_EQ(capture_where_text(make_query(0, 0, "idx")),
+              "es_index = 'idx' ORDER BY start_ts ASC");
+}
+
+TEST(CaptureWhereTextTest, NoRestrictionGivesNoWhereAndNoOrder) {
+    EXPECT_EQ(capture_where_text(make_query(0, 0)), "");
+}
+
+TEST(CaptureWhereTextTest, EmptySourceLeavesItsCommaStanding) {
+    EXPECT_EQ(source_list({"a", "", "b"}), "('a',,'b')");
+    EXPECT_EQ(source_list({}), "()");
+}
+
+TEST(CaptureValuesTest, TextsQuotedNumbersPlainNothingEscaped) {
+    CaptureFileRecord record;
+    record.file_path = "/c/it's.pcapng";
+    record.source = "dev1";
+    record.es_index = "vistrel-1";
+    record.start_ts = 1573430400123456789ull;
+    record.end_ts = 18446744073709551615ull;
+    record.n_packets = 0;
+    EXPECT_EQ(capture_values(record),
+              "'/c/it's.pcapng', 'dev1', 'vistrel-1', 1573430400123456789, "
+              "18446744073709551615, 0");
+}
+
+class CaptureIndexTest : public DatabaseFixture {
+  protected:
+    void SetUp() override {
+        DatabaseFixture::SetUp();
+        ASSERT_EQ(VistrelDatabase().create_schema(), kSuccess);
+    }
+
+    static CaptureFileRecord file(const std::string& path, uint64_t start, uint64_t end,
+                                  const std::string& source = "dev1",
+                                  const std::string& es_index = "idx") {
+        CaptureFileRecord record;
+        record.file_path = path;
+        record.source = source;
+        record.es_index = es_index;
+        record.start_ts = start;
+        record.end_ts = end;
+        record.n_packets = 7;
+        return record;
+    }
+
+    static std::vector<std::string> paths(const std::list<CaptureFileRecord>& records) {
+        std::vector<std::string> result;
+        for (const auto& record : records) result.push_back(record.file_path);
+        return result;
+    }
+};
+
+TEST_F(CaptureIndexTest, InvalidRecordsAreRefusedWithoutTouchingTheDatabase) {
+    EXPECT_EQ(add_capture_file(file("/c/a", 100, 0)), kInvalidRecord);
+    EXPECT_EQ(add_capture_file(file("/c/a", 0, 100)), kInvalidRecord);
+    EXPECT_EQ(add_capture_file(file("", 1, 2)), kInvalidRecord);
+    EXPECT_EQ(add_capture_file(file("/c/a", 1, 2, "")), kInvalidRecord);
+    EXPECT_EQ(add_capture_file(file("/c/a", 1, 2, "dev1", "")), kInvalidRecord);
+    EXPECT_EQ(rows(kCaptureTable), 0);
+}
+
+TEST_F(CaptureIndexTest, RecordsComeBackWhole) {
+    CaptureFileRecord stored = file("/c/a.pcapng", 1573430400123456789ull, 1573430400999999999ull);
+    stored.n_packets = 0;
+    ASSERT_EQ(add_capture_file(stored), kSuccess);
+    std::list<CaptureFileRecord> found = select_capture_files({});
+    ASSERT_EQ(found.size(), 1u);
+    const CaptureFileRecord& record = found.front();
+    EXPECT_EQ(record.file_path, "/c/a.pcapng");
+    EXPECT_EQ(record.source, "dev1");
+    EXPECT_EQ(record.es_index, "idx");
+    EXPECT_EQ(record.start_ts, 1573430400123456789ull);
+    EXPECT_EQ(record.end_ts, 1573430400999999999ull);
+    EXPECT_EQ(record.n_packets, 0u);
+}
+
+TEST_F(CaptureIndexTest, RangeSelectionKeepsItsTwoSidedBetweenTest) {
+    ASSERT_EQ(add_capture_file(file("/c/late", 180, 260)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/covering", 50, 300)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/early", 40, 100)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/inside", 120, 150)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/after", 201, 400)), kSuccess);
+
+    // The covering file has neither end inside [100, 200] and is not selected.
+    EXPECT_EQ(paths(select_capture_files(make_query(100, 200))),
+              (std::vector<std::string>{"/c/early", "/c/inside", "/c/late"}));
+    EXPECT_EQ(paths(select_capture_files(make_query(260, 0))),
+              (std::vector<std::string>{"/c/covering", "/c/late", "/c/after"}));
+    EXPECT_EQ(paths(select_capture_files(make_query(0, 50))),
+              (std::vector<std::string>{"/c/early"}));
+}
+
+TEST_F(CaptureIndexTest, IndexAndSourcesRestrictTheSelection) {
+    ASSERT_EQ(add_capture_file(file("/c/1", 10, 20, "a", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/2", 10, 20, "b", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/3", 10, 20, "c", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/4", 10, 20, "a", "other")), kSuccess);
+    EXPECT_EQ(paths(select_capture_files(make_query(0, 0, "idx", {"a", "c"}))),
+              (std::vector<std::string>{"/c/1", "/c/3"}));
+    EXPECT_EQ(select_capture_files(make_query(0, 0, "other")).size(), 1u);
+    EXPECT_EQ(select_capture_files(make_query(0, 0, "none")).size(), 0u);
+}
+
+TEST_F(CaptureIndexTest, EmptySourceInTheListMakesTheSelectFailEmpty) {
+    ASSERT_EQ(add_capture_file(file("/c/1", 10, 20, "a")), kSuccess);
+    EXPECT_TRUE(select_capture_files(make_query(0, 0, "", {"a", "", "b"})).empty());
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "source IN ('a',,'b')"), 10u);
+    EXPECT_EQ(occurrences(log, "Unable to select values from table TidewellCapture"), 1u);
+}
+
+TEST_F(CaptureIndexTest, QuoteInAPathBreaksTheInsert) {
+    EXPECT_EQ(add_capture_file(file("/c/it's.pcapng", 1, 2)), kInsertFailed);
+    EXPECT_EQ(occurrences(log_text(), "Unable to insert values into table TidewellCapture"), 1u);
+    EXPECT_EQ(rows(kCaptureTable), 0);
+}
+
+TEST_F(CaptureIndexTest, RemoveDeletesEveryRowOfThatPathOnly) {
+    ASSERT_EQ(add_capture_file(file("/c/a", 1, 2)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/a", 3, 4)), kSuccess);
+    ASSERT_EQ(add_capture_file(file("/c/b", 1, 2)), kSuccess);
+    EXPECT_EQ(remove_capture_file("/c/a"), kSuccess);
+    EXPECT_EQ(paths(select_capture_files({})), (std::vector<std::string>{"/c/b"}));
+    EXPECT_EQ(remove_capture_file(""), kDeleteFailed);
+    EXPECT_EQ(count_capture_files(), 1u);
+}
+
+TEST_F(CaptureIndexTest, SessionsAreSavedByUuidAndReadBackAsNone) {
+    EXPECT_EQ(session_values("u-1", 1, 3, 10, 20, "Europe/Rome"),
+              "'u-1', '1', '3', 10, 20, 'Europe/Rome'");
+    EXPECT_EQ(save_session("u-1", 1, 3, 10, 20, "UTC"), kSuccess);
+    EXPECT_EQ(save_session("u-1", 0, 3, 10, 30, "UTC"), kSuccess);
+    EXPECT_EQ(rows(kSessionTable), 1);
+    EXPECT_EQ(query("SELECT is_active || ',' || end_ts FROM Session;"), "0,30");
+    EXPECT_EQ(save_session("", 1, 3, 10, 20, "UTC"), kInsertFailed);
+    EXPECT_EQ(save_session("u-2", 1, -1, 10, 20, "UTC"), kInsertFailed);
+    EXPECT_EQ(rows(kSessionTable), 1);
+    EXPECT_EQ(occurrences(log_text(),
+                          "SQL command: INSERT OR REPLACE INTO 'Session' (uuid, "
+                          "is_active, user, start_ts, end_ts, timezone) VALUES ();"),
+              20u);
+
+    // The read names the User table, which SQLite refuses: no session is ever active.
+    EXPECT_TRUE(read_sessions(1).empty());
+    EXPECT_EQ(occurrences(log_text(), "Unable to select values from table User"), 1u);
+}
+
+TEST_F(CaptureIndexTest, UserIsReadById) {
+    EXPECT_EQ(user_where_text(4), "id = '4'");
+    ASSERT_EQ(VistrelDatabase().insert(kUserTable, "id, name, permissions, last_seen",
+                                       "4, 'ann', 'rw', 1573430400123456789"),
+              kSuccess);
+    std::list<UserRecord> users = read_user(4);
+    ASSERT_EQ(users.size(), 1u);
+    EXPECT_EQ(users.front().name, "ann");
+    EXPECT_EQ(users.front().permissions, "rw");
+    EXPECT_EQ(users.front().last_seen, 1573430400123456789ull);
+    EXPECT_TRUE(read_user(5).empty());
+}
+
+}  // namespace
+}  // namespace vistrel::database

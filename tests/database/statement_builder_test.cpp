@@ -1,0 +1,250 @@
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "database/database_fixture.h"
+#include "database/resultcodes.h"
+#include "database/statements.h"
+#include "database/vistreldatabase.h"
+
+namespace vistrel::database {
+namespace {
+
+using testing::DatabaseFixture;
+
+TEST(StatementTextTest, BuildersQuoteTheTableAndInsertTheRestVerbatim) {
+    EXPECT_EQ(create_table_statement("T", "id INTEGER, name TEXT"),
+              "CREATE TABLE IF NOT EXISTS 'T' (id INTEGER, name TEXT)");
+    EXPECT_EQ(insert_statement("T", "a, b", "'x', 1"), "INSERT INTO 'T' (a, b) VALUES ('x', 1);");
+    EXPECT_EQ(insert_or_replace_statement("T", "a, b", "'x', 1"),
+              "INSERT OR REPLACE INTO 'T' (a, b) VALUES ('x', 1);");
+    EXPECT_EQ(select_statement("T", "a, b", "a = 'x'"), "SELECT a, b FROM 'T' WHERE a = 'x';");
+    EXPECT_EQ(delete_statement("T", "a = 'x'"), "DELETE FROM 'T' WHERE a = 'x';");
+}
+
+TEST(StatementTextTest, EmptyWhereTextEmitsNoWhere) {
+    EXPECT_EQ(select_statement("T", "count(*)", ""), "SELECT count(*) FROM 'T';");
+    EXPECT_EQ(delete_statement("T", ""), "DELETE FROM 'T';");
+}
+
+class VistrelDatabaseTest : public DatabaseFixture {};
+
+TEST_F(VistrelDatabaseTest, EmptyArgumentsAreRefusedWithoutRunningSql) {
+    VistrelDatabase database;
+    EXPECT_EQ(database.create_table("", "a TEXT"), kCreateTableRefused);
+    EXPECT_EQ(database.create_table("T", ""), kCreateTableRefused);
+    EXPECT_EQ(database.select("", "a", "", nullptr, nullptr), kSelectFailed);
+    EXPECT_EQ(database.select("T", "", "", nullptr, nullptr), kSelectFailed);
+    EXPECT_EQ(database.insert("", "a", "1"), kInsertFailed);
+    EXPECT_EQ(database.insert("T", "", "1"), kInsertFailed);
+    EXPECT_EQ(database.insert_or_replace("", "a", "1"), kInsertFailed);
+    EXPECT_EQ(database.remove("", ""), kDeleteFailed);
+    EXPECT_EQ(database.flush_by_file_path(""), kDeleteFailed);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "SQL command"), 0u);
+    EXPECT_EQ(occurrences(log, "Error flushing 'TidewellCapture' where 'file_path' is empty"), 1u);
+}
+
+TEST_F(VistrelDatabaseTest, SchemaHasTheSixTablesWithTheirExactColumns) {
+    VistrelDatabase database;
+    ASSERT_TRUE(database.is_open());
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    EXPECT_EQ(query("PRAGMA journal_mode;"), "wal");
+    EXPECT_EQ(query("SELECT count(*) FROM sqlite_master WHERE type = 'table';"), "6");
+    // SQLite keeps the statement text, minus "IF NOT EXISTS".
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'TidewellCapture';"),
+              "CREATE TABLE 'TidewellCapture' (id INTEGER PRIMARY KEY, file_path TEXT, source "
+              "TEXT, es_index TEXT, start_ts INTEGER(8), end_ts INTEGER(8), n_packets INTEGER(8))");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'User';"),
+              "CREATE TABLE 'User' (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, "
+              "permissions TEXT, last_seen INTEGER(8) NOT NULL DEFAULT 0)");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'AnalyzedTrace';"),
+              "CREATE TABLE 'AnalyzedTrace' (id INTEGER PRIMARY KEY, user INTEGER, name TEXT NOT "
+              "NULL, path TEXT NOT NULL UNIQUE, start_ts INTEGER(8) NOT NULL DEFAULT 0, end_ts "
+              "INTEGER(8) NOT NULL DEFAULT 0, FOREIGN KEY(user) REFERENCES User(id))");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'Session';"),
+              "CREATE TABLE 'Session' (uuid TEXT PRIMARY KEY, is_active INTEGER, user INTEGER, "
+              "start_ts INTEGER(8) NOT NULL DEFAULT 0, end_ts INTEGER(8) NOT NULL DEFAULT 0, "
+              "timezone TEXT, FOREIGN KEY(user) REFERENCES User(id))");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'SessionInterfaces';"),
+              "CREATE TABLE 'SessionInterfaces' (id INTEGER PRIMARY KEY, session TEXT NOT NULL, "
+              "interface TEXT, FOREIGN KEY(session) REFERENCES Session(uuid), FOREIGN "
+              "KEY(interface) REFERENCES Interface(mac))");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name = 'Interface';"),
+              "CREATE TABLE 'Interface' (id INTEGER PRIMARY KEY, mac TEXT NOT NULL UNIQUE, name "
+              "TEXT NOT NULL, type TEXT CHECK( type IN ('Tidewell','Interface','CaptureProbe') ) "
+              "NOT NULL DEFAULT 'Tidewell', last_seen INTEGER(8) NOT NULL DEFAULT 0)");
+    EXPECT_EQ(occurrences(log_text(), "Found 0 logs in the Database"), 1u);
+}
+
+TEST_F(VistrelDatabaseTest, SecondStartKeepsTheRowsAndLogsTheirCount) {
+    {
+        VistrelDatabase database;
+        ASSERT_EQ(database.create_schema(), kSuccess);
+        ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
+        ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'b'"), kSuccess);
+    }
+    VistrelDatabase database;
+    EXPECT_EQ(database.create_schema(), kSuccess);
+    EXPECT_EQ(rows(kCaptureTable), 2);
+    EXPECT_EQ(occurrences(log_text(), "Found 2 logs in the Database"), 1u);
+    EXPECT_EQ(occurrences(log_text(), "SQL error"), 0u);
+}
+
+TEST_F(VistrelDatabaseTest, RejectedStatementIsTriedTenTimesThenReported) {
+    VistrelDatabase database;
+    EXPECT_EQ(database.insert("Missing", "a", "1"), kInsertFailed);
+    EXPECT_EQ(database.insert_or_replace("Missing", "a", "1"), kInsertFailed);
+    EXPECT_EQ(database.select("Missing", "a", "", nullptr, nullptr), kSelectFailed);
+    EXPECT_EQ(database.remove("Missing", "a = 1"), kDeleteFailed);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "SQL command: INSERT INTO 'Missing' (a) VALUES (1);"), 10u);
+    EXPECT_EQ(occurrences(log, "SQL command: INSERT OR REPLACE INTO 'Missing' (a) VALUES (1);"),
+              10u);
+    EXPECT_EQ(occurrences(log, "SQL command: SELECT a FROM 'Missing';"), 10u);
+    EXPECT_EQ(occurrences(log, "SQL command: DELETE FROM 'Missing' WHERE a = 1;"), 10u);
+    EXPECT_EQ(occurrences(log, "SQL error: no such table: Missing"), 40u);
+    EXPECT_EQ(occurrences(log, "Unable to insert values into table Missing"), 1u);
+    EXPECT_EQ(occurrences(log, "Unable to insert or replace values into table Missing"), 1u);
+    // The delete reports with the select message.
+    EXPECT_EQ(occurrences(log, "Unable to select values from table Missing"), 2u);
+}
+
+TEST_F(VistrelDatabaseTest, CreateTableIsNotRetried) {
+    VistrelDatabase database;
+    EXPECT_EQ(database.create_table("T", "a TEXT,"), kStatementRejected);
+    EXPECT_EQ(occurrences(log_text(), "SQL command: CREATE TABLE IF NOT EXISTS 'T' (a TEXT,)"), 1u);
+}
+
+// Another connection holds the write lock for the whole test.
+class HeldWriteLockTest : public DatabaseFixture {
+  protected:
+    void SetUp() override {
+        DatabaseFixture::SetUp();
+        ASSERT_EQ(VistrelDatabase().create_schema(), kSuccess);
+        ASSERT_EQ(sqlite3_open(database_path.c_str(), &holder), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(holder, "BEGIN IMMEDIATE;", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    void TearDown() override {
+        sqlite3_close(holder);
+        DatabaseFixture::TearDown();
+    }
+    void release() {
+        ASSERT_EQ(sqlite3_exec(holder, "ROLLBACK;", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    sqlite3* holder = nullptr;
+};
+
+TEST_F(HeldWriteLockTest, InsertThatCannotWaitIsRetriedTenTimesAndLogged) {
+    VistrelDatabase impatient(database_path, 0);
+    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log,
+                          "SQL command: INSERT INTO 'TidewellCapture' (file_path) VALUES "
+                          "('a');"),
+              10u);
+    EXPECT_EQ(occurrences(log, "SQL error: database is locked"), 10u);
+    EXPECT_EQ(occurrences(log, "Unable to insert values into table TidewellCapture"), 1u);
+
+    release();
+    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
+    EXPECT_EQ(rows(kCaptureTable), 1);
+}
+
+TEST_F(HeldWriteLockTest, InsertWaitsForTheLockInsteadOfFailing) {
+    // Whenever the holder lets go, the waiting insert goes through without an error line.
+    std::thread releaser([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        release();
+    });
+    VistrelDatabase database;
+    EXPECT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
+    releaser.join();
+    EXPECT_EQ(occurrences(log_text(), "SQL error"), 0u);
+    EXPECT_EQ(rows(kCaptureTable), 1);
+}
+
+TEST_F(VistrelDatabaseTest, FlushAllEmptiesEveryTableButAnalyzedTrace) {
+    VistrelDatabase database;
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    ASSERT_EQ(database.insert(kUserTable, "name", "'u'"), kSuccess);
+    ASSERT_EQ(database.insert(kInterfaceTable, "mac, name", "'m', 'n'"), kSuccess);
+    ASSERT_EQ(database.insert(kSessionTable, "uuid, user", "'s', 1"), kSuccess);
+    ASSERT_EQ(database.insert(kSessionInterfacesTable, "session, interface", "'s', 'm'"), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'f'"), kSuccess);
+    ASSERT_EQ(database.insert(kAnalyzedTraceTable, "user, name, path", "1, 'n', 'p'"), kSuccess);
+
+    // As in the cleanup mode: a connection of its own, without the schema's pragmas.
+    EXPECT_EQ(VistrelDatabase().flush_all(), kSuccess);
+    for (const char* table :
+         {kCaptureTable, kSessionTable, kUserTable, kSessionInterfacesTable, kInterfaceTable}) {
+        EXPECT_EQ(rows(table), 0) << table;
+    }
+    EXPECT_EQ(rows(kAnalyzedTraceTable), 1);
+    EXPECT_EQ(occurrences(log_text(), "Flushed database"), 1u);
+}
+
+TEST_F(VistrelDatabaseTest, FlushAllStopsAtTheFirstFailingTable) {
+    VistrelDatabase database;
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    ASSERT_EQ(database.insert(kInterfaceTable, "mac, name", "'m', 'n'"), kSuccess);
+    ASSERT_EQ(database.execute("DROP TABLE 'User';"), kSuccess);
+    EXPECT_EQ(database.flush_all(), kDeleteFailed);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "Error flushing database"), 1u);
+    EXPECT_EQ(occurrences(log, "Flushed database"), 0u);
+    EXPECT_EQ(rows(kInterfaceTable), 1);
+}
+
+TEST_F(VistrelDatabaseTest, FlushByFilePathDeletesOnlyThatFile) {
+    VistrelDatabase database;
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'/c/a.pcapng'"), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'/c/b.pcapng'"), kSuccess);
+    EXPECT_EQ(database.flush_by_file_path("/c/a.pcapng"), kSuccess);
+    EXPECT_EQ(query("SELECT group_concat(file_path) FROM TidewellCapture;"), "/c/b.pcapng");
+}
+
+TEST_F(VistrelDatabaseTest, UnopenablePathFallsBackToItsFileNameInTheWorkingDirectory) {
+    { VistrelDatabase(dir.file("fallback.db")).create_schema(); }
+    char previous[4096];
+    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    {
+        VistrelDatabase database("/no/such/folder/fallback.db");
+        EXPECT_TRUE(database.is_open());
+        EXPECT_EQ(database.count_capture_rows(), 0u);
+    }
+    ASSERT_EQ(chdir(previous), 0);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "Failed to open DB: [/no/such/folder/fallback.db]"), 1u);
+    EXPECT_EQ(occurrences(log, "Successfully opened DB: [fallback.db]"), 1u);
+    EXPECT_EQ(occurrences(log, "SQL error"), 0u);
+}
+
+TEST_F(VistrelDatabaseTest, WithoutAnyFileEveryOperationFails) {
+    // A folder of that name in the working directory cannot be opened as a database either.
+    std::filesystem::create_directory(dir.file("folder.db"));
+    char previous[4096];
+    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    {
+        VistrelDatabase database("/no/such/folder/folder.db");
+        EXPECT_FALSE(database.is_open());
+        EXPECT_EQ(database.create_schema(), kSchemaFailed);
+        EXPECT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
+    }
+    ASSERT_EQ(chdir(previous), 0);
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(log, "Failed to open DB: [/no/such/folder/folder.db]"), 1u);
+    EXPECT_EQ(occurrences(log, "Failed to open DB: [folder.db]"), 1u);
+    // Reported as opened all the same: the log has always read so after the fallback.
+    EXPECT_EQ(occurrences(log, "Successfully opened DB: [folder.db]"), 1u);
+    EXPECT_EQ(occurrences(log, "SQL command: INSERT INTO 'TidewellCapture'"), 10u);
+    EXPECT_EQ(occurrences(log, "Unable to insert values into table TidewellCapture"), 1u);
+}
+
+}  // namespace
+}  // namespace vistrel::database
