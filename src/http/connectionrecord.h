@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "http/uploadendpoint.h"
+
 namespace vistrel::http {
 
 // One per HTTP request, kept in libmicrohttpd's per-connection slot from the first call of the
@@ -15,6 +17,7 @@ struct ConnectionRecord {
     Type type = Type::kGet;
     MHD_PostProcessor* post_processor = nullptr;  // "/analyzeCapture" uploads only
     std::string body;                             // JSON POST bodies, collected whole
+    UploadState upload;  // "/analyzeCapture": the post processor's closure (upload_iterator)
 };
 
 }  // namespace vistrel::http

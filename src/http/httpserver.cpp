@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <atomic>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -14,12 +15,55 @@
 #include "http/connectionrecord.h"
 #include "http/pages.h"
 #include "http/routes.h"
+#include "host/disk.h"
+#include "session/replies.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 
 namespace vistrel::http {
 
 namespace {
+
+// Multipart uploads in progress. Checked and counted in two steps, so the limit is approximate
+// under simultaneous first calls; atomic only so that the count itself stays exact.
+std::atomic<uint32_t> g_uploads{0};
+constexpr uint32_t kMaxUploads = 2;
+constexpr int64_t kUploadSpace = 2147483648LL;
+
+// The first call of an upload: admission, then the post processor. MHD_NO closes the
+// connection; a queued refusal leaves the slot empty.
+MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
+    refused = false;
+    // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
+    auto refuse = [&](const char* message, int status) {
+        refused = true;
+        delete record;
+        return send_text(connection, session::message_document(message, "AnalyzeCapture"), status);
+    };
+    if (engine::WatchkeepProcess::is_running()) {
+        LOG_WARNING("Watchkeep is already running");
+        return refuse("Vistrel is busy with another analysis, please retry later", 503);
+    }
+    if (g_uploads > kMaxUploads - 1) {
+        LOG_WARNING("Max number of uploaders reached");
+        return refuse("Vistrel is busy with another analysis, please retry later", 503);
+    }
+    if (host::free_space(configuration().analyze_capture_path) < kUploadSpace) {
+        LOG_WARNING("Low disk space");
+        return refuse("Low disk space, (min 2GB)", 507);
+    }
+    LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
+    record->post_processor = MHD_create_post_processor(connection, 512, upload_iterator,
+                                                       &record->upload);
+    if (record->post_processor == nullptr) {
+        delete record;
+        return MHD_NO;
+    }
+    LOG_NORMAL("Iteratepost postprocessor made");
+    ++g_uploads;
+    LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
+    return MHD_YES;
+}
 
 std::unique_ptr<HttpServer> g_server;
 std::mutex g_server_creation;
@@ -105,6 +149,11 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
         if (record == nullptr) return MHD_NO;
         record->type = method == "POST" ? ConnectionRecord::Type::kPost
                                         : ConnectionRecord::Type::kGet;
+        if (method == "POST" && url == "/analyzeCapture") {
+            bool refused = false;
+            MHD_Result result = admit_upload(connection, record, refused);
+            if (refused || result == MHD_NO) return result;
+        }
         *slot = record;
         return MHD_YES;
     }
@@ -119,10 +168,16 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
     if (method != "POST") return send_text(connection, "Error : Unknown request", 400);
 
     if (*upload_data_size != 0) {
-        record->body.append(upload_data, *upload_data_size);
+        if (record->post_processor != nullptr) {
+            // A refusal of the iterator is kept in the upload state and answered at the end.
+            MHD_post_process(record->post_processor, upload_data, *upload_data_size);
+        } else {
+            record->body.append(upload_data, *upload_data_size);
+        }
         *upload_data_size = 0;
         return MHD_YES;
     }
+    if (url == "/analyzeCapture" && record->upload.close_file()) LOG_NORMAL("Closed upload file");
     return dispatch_post(connection, url, *record);
 }
 
@@ -133,19 +188,28 @@ void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminati
         MHD_destroy_post_processor(record->post_processor);
         record->post_processor = nullptr;
         LOG_NORMAL("Destroyed postprocessor");
+        --g_uploads;
+        LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
     }
+    if (record->upload.close_file()) LOG_NORMAL("Request completed: Closed upload file");
     delete record;
     *slot = nullptr;
 }
 
 }  // namespace
 
-HttpServer::HttpServer() = default;
+HttpServer::HttpServer()
+    : firmware_updater_(std::make_unique<devices::TidewellFirmwareUpdater>()),
+      engine_(std::make_unique<engine::WatchkeepProcess>()),
+      session_(std::make_unique<session::VistrelSession>(*engine_)) {}
 
 HttpServer::~HttpServer() {
     LOG_NORMAL("Finishing server...");
+    firmware_updater_.reset();
     if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
     stop_daemon();
+    session_.reset();
+    engine_.reset();
 }
 
 int HttpServer::start() {

@@ -4,6 +4,10 @@
 
 #include <memory>
 
+#include "devices/tidewellfirmwareupdater.h"
+#include "engine/watchkeepprocess.h"
+#include "session/vistrelsession.h"
+
 namespace vistrel::http {
 
 // The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection) and
@@ -31,8 +35,16 @@ public:
     static HttpServer& instance();
     static void destroy();
 
+    // The long-lived objects of the session endpoints, alive as long as the server.
+    devices::TidewellFirmwareUpdater& firmware_updater() { return *firmware_updater_; }
+    engine::WatchkeepProcess& engine() { return *engine_; }
+    session::VistrelSession& session() { return *session_; }
+
 private:
     MHD_Daemon* daemon_ = nullptr;
+    std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
+    std::unique_ptr<engine::WatchkeepProcess> engine_;
+    std::unique_ptr<session::VistrelSession> session_;
 };
 
 }  // namespace vistrel::http

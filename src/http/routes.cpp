@@ -7,7 +7,9 @@
 #include "startup/configuration.h"
 
 // Endpoint handlers of the other subsystems; each file wires its own lines below.
+#include "http/capturedownload.h"
 #include "http/captureindexendpoints.h"
+#include "http/sessionroutes.h"
 
 namespace vistrel::http {
 
@@ -39,22 +41,22 @@ MHD_Result static_file(const GetRequest& request) {
 // unknown request until its subsystem serves it.
 const std::vector<GetRoute>& get_routes() {
     static const std::vector<GetRoute> routes = {
-        {"/getDevices", false, nullptr},
+        {"/getDevices", false, reply_handler(session_routes::get_devices)},
         {"/getInterfaces", false, reply_handler(interfaces)},
-        {"/getCMStatus", false, nullptr},
+        {"/getCMStatus", false, reply_handler(session_routes::cm_status)},
         {"/img/", true, static_file},
         {"/getStatus", false, reply_handler(alive)},
         {"/", false, reply_handler(alive)},
         {"/getDiskSpace", false, reply_handler(disk_space)},
-        {"/stopCaptureAll", false, nullptr},
-        {"/getCapture", false, nullptr},
+        {"/stopCaptureAll", false, reply_handler(session_routes::stop_capture_all)},
+        {"/getCapture", false, handle_capture_download},
         {"/addFile", false, reply_handler(handle_add_file)},
         {"/cleanup", false, reply_handler(handle_cleanup)},
         {"/cleanupElasticsearch", false, reply_handler(handle_cleanup_elasticsearch)},
-        {"/getTidewellFirmwares", false, nullptr},
-        {"/getTidewells", false, nullptr},
-        {"/getAvailability", false, nullptr},
-        {"/getLastSession", false, nullptr},
+        {"/getTidewellFirmwares", false, reply_handler(session_routes::tidewell_firmwares)},
+        {"/getTidewells", false, reply_handler(session_routes::tidewells)},
+        {"/getAvailability", false, reply_handler(session_routes::availability)},
+        {"/getLastSession", false, reply_handler(session_routes::last_session)},
     };
     return routes;
 }
@@ -62,14 +64,14 @@ const std::vector<GetRoute>& get_routes() {
 const std::vector<PostRoute>& post_routes() {
     static const std::vector<PostRoute> routes = {
         {"/search", [](const PostRequest& request) { return handle_search(request.body); }},
-        {"/startCapture", nullptr},
-        {"/analyzeCapture", nullptr},
-        {"/restartTidewell", nullptr},
-        {"/saveTidewell", nullptr},
-        {"/setDeviceTime", nullptr},
-        {"/updateTidewellFirmware", nullptr},
-        {"/getTidewellFirmwareUpdateStatus", nullptr},
-        {"/restoreTidewell", nullptr},
+        {"/startCapture", session_routes::start_capture},
+        {"/analyzeCapture", session_routes::analyze_capture},
+        {"/restartTidewell", session_routes::restart_tidewell},
+        {"/saveTidewell", session_routes::save_tidewell},
+        {"/setDeviceTime", session_routes::set_device_time},
+        {"/updateTidewellFirmware", session_routes::update_firmware},
+        {"/getTidewellFirmwareUpdateStatus", session_routes::firmware_update_status},
+        {"/restoreTidewell", session_routes::restore_tidewell},
     };
     return routes;
 }

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "database/captureindex.h"
+
+namespace vistrel::capture {
+
+// tshark as a display filter between two pipes: pcapng in on its standard input, the matching
+// packets as pcapng out of its standard output. The server's input end never blocks, its
+// output end is polled, so one thread can feed while another drains. Failures are printed to
+// standard output, as the operator watching the console expects.
+class TsharkPipe {
+  public:
+    static constexpr int kPipeSize = 524288;
+
+    TsharkPipe();
+    // Another program in tshark's place; tests use it to see a failed start.
+    explicit TsharkPipe(std::string program);
+    ~TsharkPipe();
+    TsharkPipe(const TsharkPipe&) = delete;
+    TsharkPipe& operator=(const TsharkPipe&) = delete;
+
+    // Creates the pipes and starts `<program> -r - -w - -Y <time filter of query>`: 0 or -1.
+    int start(const database::CaptureQuery& query);
+    // The bytes the input pipe took (0 when it is full), or -1 when tshark is gone or the
+    // write failed.
+    int64_t send(const uint8_t* bytes, size_t count);
+    // The bytes read (0 when nothing waits), or -1 after stop or on a failure.
+    int64_t receive(uint8_t* buffer, size_t capacity);
+    // Closes tshark's input, waits for it to exit and marks the pipe finished: 0.
+    int stop();
+    void close_handles();
+    // Kills a tshark that is still running, for a download abandoned half-way: a blocked
+    // stop() then returns.
+    void abort();
+
+    bool finished() const { return finished_.load() != 0; }
+    const std::string& program() const { return tshark_path_; }
+
+  private:
+    bool child_running();
+    void reap();
+
+    std::atomic<int32_t> finished_{0};
+    std::string tshark_path_;
+    int child_input_read_ = -1;
+    int input_write_ = -1;
+    int output_read_ = -1;
+    int child_output_write_ = -1;
+    pid_t pid_ = -1;
+};
+
+}  // namespace vistrel::capture

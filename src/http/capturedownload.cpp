@@ -1,0 +1,130 @@
+#include "http/capturedownload.h"
+
+#include <strings.h>
+
+#include <memory>
+#include <vector>
+
+#include "capture/extractionjob.h"
+#include "dashboard/dashboardfilter.h"
+#include "dashboard/dashboardtime.h"
+#include "http/pages.h"
+#include "startup/logger.h"
+
+namespace vistrel::http {
+
+namespace {
+
+struct DashboardVariables {
+    std::vector<dashboard::DashboardFilter> filters;
+    std::vector<std::string> interfaces;
+};
+
+MHD_Result collect_variable(void* context, MHD_ValueKind, const char* key, const char* value) {
+    auto& variables = *static_cast<DashboardVariables*>(context);
+    if (key == nullptr) return MHD_YES;
+    dashboard::collect_user_filter(key, value, variables.filters);
+    dashboard::collect_interface(key, value, variables.interfaces);
+    return MHD_YES;
+}
+
+// The library owns the job from the response's creation on and frees it after the last read.
+ssize_t read_direct(void* job, uint64_t, char* buffer, size_t maximum) {
+    return static_cast<ssize_t>(static_cast<capture::ExtractionJob*>(job)->read_direct(
+        reinterpret_cast<uint8_t*>(buffer), maximum));
+}
+
+ssize_t read_filtered(void* job, uint64_t, char* buffer, size_t maximum) {
+    return static_cast<ssize_t>(static_cast<capture::ExtractionJob*>(job)->read_filtered(
+        reinterpret_cast<uint8_t*>(buffer), maximum));
+}
+
+void free_job(void* job) {
+    delete static_cast<capture::ExtractionJob*>(job);
+}
+
+MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::ExtractionJob> job) {
+    const database::CaptureQuery query = job->query();
+    if (job->nothing_readable()) {
+        // No selected file could be read: an empty answer that says so.
+        MHD_Response* response =
+            MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+        if (response == nullptr) return MHD_NO;
+        MHD_Result result = MHD_queue_response(connection, 204, response);
+        MHD_destroy_response(response);
+        return result;
+    }
+    capture::ExtractionJob* raw = job.get();
+    MHD_Response* response = MHD_create_response_from_callback(
+        MHD_SIZE_UNKNOWN, capture::kHttpBlockSize, raw->filtered() ? read_filtered : read_direct,
+        raw, free_job);
+    if (response == nullptr) return MHD_NO;
+    job.release();
+    MHD_add_response_header(response, "Content-Type", "application/x-pcapng");
+    MHD_add_response_header(response, "Content-Disposition", capture_disposition(query).c_str());
+    MHD_Result result = MHD_queue_response(connection, MHD_HTTP_OK, response);
+    MHD_destroy_response(response);
+    return result;
+}
+
+}  // namespace
+
+bool bidirectional_flag(const std::optional<std::string>& value) {
+    if (!value) return false;
+    return strcasecmp(value->c_str(), "true") == 0 || *value == "1" ||
+           strcasecmp(value->c_str(), "yes") == 0;
+}
+
+std::string capture_disposition(const database::CaptureQuery& query) {
+    return "attachment; filename=capture_" + std::to_string(query.start) + "_" +
+           std::to_string(query.end) + ".pcapng";
+}
+
+MHD_Result handle_capture_download(const GetRequest& request) {
+    MHD_Connection* connection = request.connection;
+    DashboardVariables variables;
+    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &collect_variable, &variables);
+    LOG_NORMAL("Found %u interface filters", static_cast<unsigned>(variables.interfaces.size()));
+    LOG_NORMAL("Found %u user filters", static_cast<unsigned>(variables.filters.size()));
+
+    const std::optional<std::string> from = request.arguments("from");
+    const std::optional<std::string> to = request.arguments("to");
+    if (!from || !to) {
+        LOG_NORMAL("Bad request, timestamps not found");
+        return send_html_page(connection, "Error : Missing timestamp 'from' or 'to'", false, 400);
+    }
+    LOG_NORMAL("Requesting pcap between: %s and %s", from->c_str(), to->c_str());
+
+    database::CaptureQuery query;
+    query.start = dashboard::translate_timestamp(*from, true);
+    query.end = dashboard::translate_timestamp(*to, false);
+    if (query.start == 0 || query.end == 0) {
+        LOG_NORMAL("Bad request, timestamps corrupted");
+        return send_html_page(connection, "Error : Bad timestamps given", false, 400);
+    }
+
+    // A dashboard filter on the interface names the one source to read; otherwise the
+    // interfaces the dashboard selected.
+    const std::string interface = dashboard::interface_filter(variables.filters);
+    if (!interface.empty()) {
+        LOG_NORMAL("Got an interface (user) filter from Grafana, using as interface: '%s'",
+                   interface.c_str());
+        query.sources = {interface};
+    } else {
+        query.sources = variables.interfaces;
+    }
+
+    const bool bidirectional = bidirectional_flag(request.arguments("var-bidirectionalfilter"));
+    query.display_filter = dashboard::translate_filters(variables.filters, bidirectional);
+    LOG_NORMAL("Translated Grafana filters to tshark like: '%s'", query.display_filter.c_str());
+
+    capture::Extraction extraction =
+        capture::prepare_extraction(query, database::select_capture_files(query));
+    if (!extraction.job) {
+        return send_styled_error_page(connection, extraction.error_title, extraction.error_message,
+                                      MHD_HTTP_OK);
+    }
+    return queue_extract(connection, std::move(extraction.job));
+}
+
+}  // namespace vistrel::http

@@ -1,0 +1,171 @@
+#include "http/uploadendpoint.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+
+#include "host/disk.h"
+#include "session/replies.h"
+#include "session/startrequest.h"
+#include "startup/configuration.h"
+#include "startup/logger.h"
+
+namespace vistrel::http {
+
+namespace {
+
+constexpr const char* kUploadDone = "Upload completed successfully";
+constexpr size_t kMaxPathLength = 1023;
+
+bool ends_with(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The client's file name without any folder part, so an upload can't leave the upload folder.
+std::string base_name(const std::string& name) {
+    size_t cut = name.find_last_of("/\\");
+    return cut == std::string::npos ? name : name.substr(cut + 1);
+}
+
+MHD_Result refuse(UploadState& upload, int status, std::string answer) {
+    upload.status = status;
+    upload.answer = std::move(answer);
+    return MHD_NO;
+}
+
+// First chunk of the "file" field: checks the name and opens a fresh file for it.
+MHD_Result open_upload_file(UploadState& upload, const char* filename) {
+    std::string name = filename != nullptr ? base_name(filename) : "";
+    if (name.empty()) {
+        LOG_WARNING("Missing 'filename' for multi-part request");
+        return refuse(upload, 400,
+                      session::message_document("Couldn't find filename, unable to start Analysis",
+                                                "AnalyzeCapture"));
+    }
+    if (!is_capture_file_name(name)) {
+        LOG_WARNING("File format is not a capture file, impossible to analyze");
+        return refuse(
+            upload, 400,
+            session::message_document("File format is not a capture file, impossible to analyze",
+                                      "AnalyzeCapture"));
+    }
+    LOG_NORMAL("Correctly found upload filename: %s", name.c_str());
+    const std::string& folder = configuration().analyze_capture_path;
+    std::string path = folder + "/" + name;
+    LOG_NORMAL("Trying to make new upload file at '%s'", path.c_str());
+    if (path.size() > kMaxPathLength || !host::create_folder(folder)) {
+        return refuse(upload, 500, "Error for upload destination path");
+    }
+    upload.path = path;
+    if (host::file_exists(path)) {
+        LOG_WARNING("File with the same name already exists, removing the old one: '%s'",
+                    path.c_str());
+        if (unlink(path.c_str()) != 0) {
+            LOG_ERROR("Could not delete file: '%s' with Erc: %ld", path.c_str(),
+                      static_cast<long>(errno));
+        } else {
+            LOG_WARNING("File deleted: '%s'", path.c_str());
+        }
+    }
+    upload.file = std::fopen(path.c_str(), "ab");
+    if (upload.file == nullptr) {
+        LOG_ERROR("Could not open upload file '%s' with Erc: %ld", path.c_str(),
+                  static_cast<long>(errno));
+        return refuse(upload, 500, "Error for upload destination path");
+    }
+    LOG_NORMAL("Made new upload file at '%s'", path.c_str());
+    return MHD_YES;
+}
+
+}  // namespace
+
+bool UploadState::close_file() {
+    if (file == nullptr) return false;
+    std::fclose(file);
+    file = nullptr;
+    return true;
+}
+
+bool is_capture_file_name(const std::string& name) {
+    return ends_with(name, ".pcap") || ends_with(name, ".pcapng") || ends_with(name, ".cap");
+}
+
+MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, const char* filename,
+                           const char*, const char*, const char* data, uint64_t offset,
+                           size_t size) {
+    UploadState& upload = *static_cast<UploadState*>(closure);
+    upload.status = 200;
+    const std::string field = key != nullptr ? key : "";
+    if (field == "json") {
+        // A long field arrives in pieces; the first one starts the text afresh.
+        if (offset == 0) upload.json.clear();
+        if (data != nullptr) upload.json.append(data, size);
+        LOG_NORMAL("FOUND JSON FROM MULTIPART UPLOAD '%s'", upload.json.c_str());
+        return MHD_YES;
+    }
+    if (field != "file") return refuse(upload, 400, "Missing key: file");
+    if (upload.file == nullptr) {
+        // A file field that comes back after the upload was closed is refused too.
+        if (!upload.path.empty()) return refuse(upload, 400, "Missing key: file");
+        if (open_upload_file(upload, filename) == MHD_NO) return MHD_NO;
+    }
+    if (size == 0) {
+        upload.answer = kUploadDone;
+        upload.status = 200;
+        return MHD_YES;
+    }
+    if (std::fwrite(data, 1, size, upload.file) != size) {
+        LOG_ERROR("Could not write upload file '%s'", upload.path.c_str());
+        return refuse(upload, 500, "Could not write upload file");
+    }
+    upload.answer = kUploadDone;
+    upload.status = 200;
+    return MHD_YES;
+}
+
+Reply handle_analyze_capture(session::VistrelSession& session, UploadState& upload, bool local) {
+    int status = upload.status < 1 ? 500 : upload.status;
+    if (!upload.answer) return {"Unknown error", status == 200 ? 400 : status};
+    if (upload.path.empty()) {
+        // Failures that already wrote a command reply keep it.
+        if (!upload.answer->empty() && upload.answer->front() == '{')
+            return {*upload.answer, status};
+        return {session::message_document(*upload.answer, "/analyzeCapture"), status};
+    }
+    if (upload.json.empty()) {
+        return {session::message_document("Missing JSON document. Unable to Start Analysis",
+                                          "/analyzeCapture"),
+                400};
+    }
+    if (status != 200) return {*upload.answer, status};
+    LOG_NORMAL("Starting file analysis...");
+    if (local) {
+        LOG_NORMAL("LOCAL request '%s'  ", "/analyzeCapture");
+    } else {
+        LOG_NORMAL("REMOTE request '%s'  ", "/analyzeCapture");
+    }
+    if (!host::file_exists(upload.path)) {
+        LOG_WARNING(
+            "File at %s does not exist (it was not correctly uploaded), impossible to "
+            "analyze",
+            upload.path.c_str());
+        return {"Unable to find upload file, sorry, try again later!", 500};
+    }
+    LOG_NORMAL("Starting capture analysis for %s", upload.path.c_str());
+    session::StartRequest request;
+    bool readable = false;
+    try {
+        readable = session::read_start_request(upload.json, false, request);
+    } catch (const std::exception& error) {
+        LOG_WARNING("Analysis request not readable: %s", error.what());
+    }
+    if (!readable) {
+        return {session::message_document("Bad Json document for the given request", "Bad Json"),
+                400};
+    }
+    return session.start_analysis(std::move(request), upload.path);
+}
+
+}  // namespace vistrel::http

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <microhttpd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "http/reply.h"
+#include "session/vistrelsession.h"
+
+// POST /analyzeCapture: a multipart form with the capture file ("file") and the analysis
+// request ("json", a start-capture document). libmicrohttpd's post processor hands each form
+// chunk to upload_iterator; after the last chunk handle_analyze_capture starts the analysis.
+namespace vistrel::http {
+
+// The upload part of a connection record.
+struct UploadState {
+    UploadState() = default;
+    ~UploadState() { close_file(); }
+    UploadState(const UploadState&) = delete;
+    UploadState& operator=(const UploadState&) = delete;
+
+    // Closes the upload file; true when one was open.
+    bool close_file();
+
+    FILE* file = nullptr;  // open in append-binary mode while chunks arrive
+    std::string path;      // where the upload is stored
+    std::string json;      // the "json" field
+    int status = 200;      // HTTP status the iterator decided on
+    // "Upload completed successfully" after each good chunk, or the failure reply.
+    std::optional<std::string> answer;
+};
+
+// Capture files are recognised by these suffixes, compared case-sensitively.
+bool is_capture_file_name(const std::string& name);
+
+// MHD_PostDataIterator; `closure` is the request's UploadState.
+MHD_Result upload_iterator(void* closure, enum MHD_ValueKind kind, const char* key,
+                           const char* filename, const char* content_type,
+                           const char* transfer_encoding, const char* data, uint64_t offset,
+                           size_t size);
+
+// After the last chunk (the upload file closed): checks the upload and starts the analysis.
+// `local` says whether the client is this machine.
+Reply handle_analyze_capture(session::VistrelSession& session, UploadState& upload, bool local);
+
+}  // namespace vistrel::http

@@ -1,0 +1,189 @@
+#include "devices/devicetime.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "devicetestfixture.h"
+
+namespace vistrel::testing {
+namespace {
+
+// An SNTP server on 127.0.0.1 that answers each request with the next scripted fraction of a
+// second (as the NTP 32-bit fraction), and stays silent when the script is empty.
+class SntpStandIn {
+  public:
+    static constexpr uint32_t kSeconds = 3'900'000'000u;  // NTP era 0, year 2023
+
+    SntpStandIn() {
+        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        socklen_t length = sizeof(address);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+
+    ~SntpStandIn() {
+        stop_ = true;
+        thread_.join();
+        ::close(fd_);
+    }
+
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    void answer(uint32_t fraction) {
+        std::lock_guard lock(mutex_);
+        script_.push_back(fraction);
+    }
+    int requests() const { return requests_; }
+    bool requests_well_formed() const { return well_formed_; }
+
+    // The NTP fraction whose conversion gives exactly `nanoseconds` (rounded up).
+    static uint32_t fraction_of(uint64_t nanoseconds) {
+        return static_cast<uint32_t>(
+            std::ceil(static_cast<double>(nanoseconds) * 4294967296.0 / 1e9));
+    }
+
+  private:
+    void serve() {
+        while (!stop_) {
+            pollfd waiter{fd_, POLLIN, 0};
+            if (::poll(&waiter, 1, 20) <= 0) continue;
+            uint8_t packet[64];
+            sockaddr_in client{};
+            socklen_t length = sizeof(client);
+            const ssize_t size = ::recvfrom(fd_, packet, sizeof(packet), 0,
+                                            reinterpret_cast<sockaddr*>(&client), &length);
+            ++requests_;
+            bool good = size == 48 && packet[0] == 0xDB && packet[2] == 10;
+            for (ssize_t i = 0; good && i < size; ++i) {
+                good = i == 0 || i == 2 || packet[i] == 0;
+            }
+            if (!good) well_formed_ = false;
+            uint32_t fraction;
+            {
+                std::lock_guard lock(mutex_);
+                if (script_.empty()) continue;
+                fraction = script_.front();
+                script_.pop_front();
+            }
+            uint8_t reply[48] = {};
+            reply[0] = 0x1C;  // version 3, server
+            const uint32_t seconds = htonl(kSeconds);
+            const uint32_t network_fraction = htonl(fraction);
+            std::memcpy(reply + 40, &seconds, 4);
+            std::memcpy(reply + 44, &network_fraction, 4);
+            ::sendto(fd_, reply, sizeof(reply), 0, reinterpret_cast<sockaddr*>(&client), length);
+        }
+    }
+
+    int fd_ = -1;
+    uint16_t port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::atomic<int> requests_{0};
+    std::atomic<bool> well_formed_{true};
+    std::mutex mutex_;
+    std::deque<uint32_t> script_;
+    std::thread thread_;
+};
+
+class DeviceTimeTest : public DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        plug(0x100, 1);
+        configuration().ntp_server = sntp_.address();
+        device_.handle = 0x100;
+        device_.timing.Source = TidewellAPITimeSource_SNTP;
+    }
+
+    SntpStandIn sntp_;
+    devices::DeviceHandle device_;
+};
+
+TEST_F(DeviceTimeTest, QueryConvertsTheTransmitTimestamp) {
+    sntp_.answer(0x80000000u);  // half a second
+    uint32_t seconds = 0;
+    uint64_t nanoseconds = 0;
+    ASSERT_EQ(devices::sntp_query(sntp_.address(), seconds, nanoseconds), 0);
+    EXPECT_EQ(seconds, SntpStandIn::kSeconds - 2208988800u);
+    EXPECT_EQ(nanoseconds, 500'000'000u);
+    EXPECT_TRUE(sntp_.requests_well_formed());
+    EXPECT_EQ(devices::sntp_query(sntp_.address(), seconds, nanoseconds), -1);  // silence
+}
+
+TEST_F(DeviceTimeTest, TimeCloseToASecondBoundaryIsRefusedAndRetried) {
+    sntp_.answer(SntpStandIn::fraction_of(100'000'000));
+    sntp_.answer(SntpStandIn::fraction_of(200'000'000));
+    ASSERT_TRUE(devices::set_device_time(device_));
+    EXPECT_EQ(sntp_.requests(), 2);
+    EXPECT_EQ(log_count("SNTP : second boundary too close, retrying"), 1u);
+    EXPECT_EQ(log_count("Successfuly received SNTP time"), 1u);
+    const TidewellAPITimingTime sent = fake_.last_timing();
+    EXPECT_EQ(sent.Source, TidewellAPITimeSource_SNTP);
+    EXPECT_EQ(sent.Seconds, SntpStandIn::kSeconds - 2208988800u);
+    EXPECT_EQ(sent.Nanoseconds, 200'000'000u);
+}
+
+TEST_F(DeviceTimeTest, UpperEdgeOfTheWindowIsAccepted) {
+    sntp_.answer(SntpStandIn::fraction_of(700'000'000));
+    ASSERT_TRUE(devices::set_device_time(device_));
+    EXPECT_EQ(fake_.last_timing().Nanoseconds, 700'000'000u);
+    EXPECT_EQ(sntp_.requests(), 1);
+}
+
+TEST_F(DeviceTimeTest, JustPastTheWindowIsRefused) {
+    sntp_.answer(SntpStandIn::fraction_of(700'000'001) + 4);
+    sntp_.answer(SntpStandIn::fraction_of(450'000'000));
+    ASSERT_TRUE(devices::set_device_time(device_));
+    EXPECT_EQ(sntp_.requests(), 2);
+}
+
+TEST_F(DeviceTimeTest, SilentServerCostsTenTries) {
+    EXPECT_FALSE(devices::set_device_time(device_));
+    EXPECT_EQ(sntp_.requests(), 10);
+    EXPECT_EQ(log_count("Failed to get time from SNTP, retrying"), 10u);
+    EXPECT_EQ(log_count("Could not get SNTP time"), 1u);
+    for (const auto& call : fake_.calls()) EXPECT_NE(call, "set_timing_time");
+}
+
+TEST_F(DeviceTimeTest, OtherSourcesGoToTheDeviceUnchangedWithoutTraffic) {
+    device_.timing.Source = TidewellAPITimeSource_GPS;
+    device_.timing.Seconds = 1234;
+    device_.timing.Nanoseconds = 5678;
+    ASSERT_TRUE(devices::set_device_time(device_));
+    EXPECT_EQ(sntp_.requests(), 0);
+    const TidewellAPITimingTime sent = fake_.last_timing();
+    EXPECT_EQ(sent.Source, TidewellAPITimeSource_GPS);
+    EXPECT_EQ(sent.Seconds, 1234u);
+    EXPECT_EQ(sent.Nanoseconds, 5678u);
+    fake_.set_result("set_timing_time", TIDEWELLAPI_ERROR);
+    EXPECT_FALSE(devices::set_device_time(device_));
+}
+
+TEST_F(DeviceTimeTest, NothingHappensDuringAFirmwareUpdate) {
+    auto finished = pretend_update();
+    fake_.clear_calls();
+    sntp_.answer(SntpStandIn::fraction_of(400'000'000));
+    EXPECT_FALSE(devices::set_device_time(device_));
+    EXPECT_EQ(sntp_.requests(), 0);
+    EXPECT_TRUE(fake_.calls().empty());
+    EXPECT_EQ(
+        log_count("Firmware update in progress: No set_device_time possible - Returning TRUE"), 1u);
+}
+
+}  // namespace
+}  // namespace vistrel::testing

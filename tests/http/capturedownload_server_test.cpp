@@ -1,0 +1,227 @@
+// GET /getCapture through the real program: files registered with /addFile, downloaded, and
+// read back by Wireshark's own tools.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "capturefilewriter.h"
+#include "support/server_process.h"
+
+namespace vistrel::testing {
+namespace {
+
+constexpr uint64_t kSecond = 1000000000ull;
+constexpr uint64_t kBaseSeconds = 1710000000;  // 2024-03-09
+constexpr uint64_t kBase = kBaseSeconds * kSecond;
+
+std::string run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return output;
+    char buffer[4096];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, got);
+    pclose(pipe);
+    return output;
+}
+
+std::string milliseconds(uint64_t nanoseconds) {
+    return std::to_string(nanoseconds / 1000000);
+}
+
+// Two devices' files: dev1 writes pcapng (two ports, packets every second from kBase), dev2
+// classic pcap (every second from kBase + 0.5 s). Ports 53 and 80 alternate.
+class CaptureDownloadServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(server_.start({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                                   std::to_string(server_.port()), "--database",
+                                   data_.file("index.db"), "--loglevel", "debug"}))
+            << server_.output();
+        PcapngBuilder pcapng;
+        pcapng.section().interface(9).interface(9);
+        PcapBuilder pcap;
+        for (uint64_t i = 0; i < 40; ++i) {
+            const std::string data = frame(i);
+            pcapng.packet(static_cast<uint32_t>(i % 2), kBase + i * kSecond, data);
+            pcap.record(static_cast<uint32_t>(kBaseSeconds + i), 500000, frame(i + 100));
+        }
+        register_file("dev1.pcapng", pcapng.bytes(), "dev1", kBase, kBase + 39 * kSecond);
+        register_file("dev2.pcap", pcap.bytes(), "dev2", kBase + kSecond / 2,
+                      kBase + 39 * kSecond + kSecond / 2);
+    }
+
+    static std::string frame(uint64_t i) {
+        return udp_frame(60 + (i * 211) % 1400, "10.0.0.1", "10.0.0.2", 40000,
+                         i % 2 == 0 ? 53 : 80);
+    }
+
+    void register_file(const std::string& name, const std::string& bytes, const std::string& source,
+                       uint64_t start, uint64_t end) {
+        const std::string path = data_.file(name);
+        write_file(path, bytes);
+        HttpResponse response = http_.get("/addFile?file_path=" + url_encode(path) + "&start_ts=" +
+                                          std::to_string(start) + "&end_ts=" + std::to_string(end) +
+                                          "&n_packets=40&source=" + source + "&es_index=vistrel-1");
+        ASSERT_EQ(response.status, 200) << response.body;
+    }
+
+    std::string capture_query(uint64_t from, uint64_t to, const std::string& extra = "") const {
+        return "/getCapture?from=" + milliseconds(from) + "&to=" + milliseconds(to) + extra;
+    }
+
+    // Wireshark's reading of a downloaded stream: one line per packet.
+    std::string tshark_fields(const std::string& bytes, const std::string& fields) {
+        const std::string path = data_.file("download-" + std::to_string(++downloads_) + ".pcapng");
+        write_file(path, bytes);
+        return run("tshark -r " + path + " -T fields " + fields + " 2>/dev/null");
+    }
+
+    static size_t lines(const std::string& text) {
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    }
+
+    TempDir data_;
+    ServerProcess server_;
+    HttpClient http_ = server_.client();
+    int downloads_ = 0;
+};
+
+TEST_F(CaptureDownloadServerTest, DirectDownloadIsTheRangeOfEveryFileInIndexOrder) {
+    // The index selects files whose first or last packet is in the range.
+    const uint64_t from = kBase + 30 * kSecond;
+    const uint64_t to = kBase + 45 * kSecond;
+    HttpResponse response = http_.get(capture_query(from, to));
+    ASSERT_EQ(response.status, 200) << response.body;
+    EXPECT_EQ(response.headers["content-type"], "application/x-pcapng");
+    EXPECT_EQ(response.headers["content-disposition"], "attachment; filename=capture_" +
+                                                           std::to_string(from) + "_" +
+                                                           std::to_string(to) + ".pcapng");
+
+    // dev1's file first (it starts earlier), then dev2's: the header, then each file's EPBs.
+    std::string expected;
+    {
+        PcapngBuilder header;
+        header.section().interface(9).interface(9);
+        expected = header.bytes();
+    }
+    for (uint64_t i = 30; i < 40; ++i) {
+        expected += expected_epb(static_cast<uint32_t>(i % 2), kBase + i * kSecond, frame(i));
+    }
+    for (uint64_t i = 30; i < 40; ++i) {
+        expected += expected_epb(0, kBase + i * kSecond + kSecond / 2, frame(i + 100));
+    }
+    EXPECT_EQ(response.body.size(), expected.size());
+    EXPECT_TRUE(response.body == expected);
+
+    EXPECT_EQ(lines(tshark_fields(response.body, "-e frame.number")), 20u);
+    const std::string path = data_.file("direct.pcapng");
+    write_file(path, response.body);
+    EXPECT_NE(run("capinfos -c -M " + path).find("Number of packets:   20"), std::string::npos);
+
+    const std::string log = server_.log();
+    EXPECT_NE(
+        log.find("Requesting pcap between: " + milliseconds(from) + " and " + milliseconds(to)),
+        std::string::npos);
+    EXPECT_NE(log.find("Found 2 files"), std::string::npos);
+    EXPECT_NE(log.find("Bypassing tshark, no user filter found"), std::string::npos);
+}
+
+TEST_F(CaptureDownloadServerTest, DashboardVariablesSelectSourcesAndFilterThroughTshark) {
+    const uint64_t from = kBase;
+    const uint64_t to = kBase + 30 * kSecond;
+    // Only dev1, only port 53: packets 0, 2, ..., 28 (30 is at the exclusive end).
+    HttpResponse response = http_.get(capture_query(
+        from, to, "&var-esinterface=dev1&var-Filters=" + url_encode("L4_DST_PORT|=|53")));
+    ASSERT_EQ(response.status, 200) << response.body;
+    EXPECT_EQ(response.headers["content-type"], "application/x-pcapng");
+    const std::string fields = tshark_fields(response.body, "-e udp.dstport -e frame.time_epoch");
+    std::string wanted;
+    for (uint64_t i = 0; i < 30; i += 2) {
+        wanted += "53\t" + std::to_string(kBaseSeconds + i) + ".000000000\n";
+    }
+    EXPECT_EQ(fields, wanted);
+    const std::string log = server_.log();
+    EXPECT_NE(log.find("Found 1 interface filters"), std::string::npos);
+    EXPECT_NE(log.find("Found 1 user filters"), std::string::npos);
+    EXPECT_NE(log.find("Translated Grafana filters to tshark like: "
+                       "'((tcp.dstport==53||udp.dstport==53))'"),
+              std::string::npos);
+    EXPECT_NE(log.find("Tshark filter found, starting threaded tshark instance..."),
+              std::string::npos);
+
+    // An INTERFACE filter names the source; bidirectional ports match either side.
+    response = http_.get(capture_query(from, to,
+                                       "&var-Filters=" + url_encode("INTERFACE|=|dev2") +
+                                           "&var-Filters=" + url_encode("L4_SRC_PORT|=|80") +
+                                           "&var-bidirectionalfilter=true"));
+    ASSERT_EQ(response.status, 200);
+    // dev2's packets i + 100 carry port 80 when i is odd: 15 of the 30 in range.
+    EXPECT_EQ(tshark_fields(response.body, "-e udp.dstport"), [] {
+        std::string text;
+        for (int i = 0; i < 15; ++i) text += "80\n";
+        return text;
+    }());
+    EXPECT_NE(server_.log().find(
+                  "Got an interface (user) filter from Grafana, using as interface: 'dev2'"),
+              std::string::npos);
+}
+
+TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
+    HttpResponse response = http_.get("/getCapture?from=" + milliseconds(kBase));
+    EXPECT_EQ(response.status, 400);
+    EXPECT_EQ(response.body, "<html><body>Error : Missing timestamp 'from' or 'to'</body></html>");
+
+    response = http_.get("/getCapture?from=yesterday&to=now");
+    EXPECT_EQ(response.status, 400);
+    EXPECT_EQ(response.body, "<html><body>Error : Bad timestamps given</body></html>");
+
+    // No file in the range: the styled page, status 200.
+    response = http_.get(capture_query(kBase + 1000 * kSecond, kBase + 2000 * kSecond));
+    EXPECT_EQ(response.status, 200);
+    EXPECT_NE(response.body.find("<h2>Error Extracting Capture File</h2><p>Unable to find "
+                                 "traffic data for the requested time range and filters in "
+                                 "your capture machine</p>"),
+              std::string::npos);
+
+    // Files selected, but no packet inside the range.
+    register_file(
+        "late.pcapng",
+        PcapngBuilder().section().interface(9).packet(0, kBase + 500 * kSecond, frame(1)).bytes(),
+        "dev3", kBase + 455 * kSecond, kBase + 500 * kSecond);
+    response = http_.get(capture_query(kBase + 450 * kSecond, kBase + 460 * kSecond));
+    EXPECT_EQ(response.status, 200);
+    EXPECT_NE(response.body.find("<h2>Extract Capture Error</h2><p>Couldn't find traffic data "
+                                 "for the requested parameters in your capture machine</p>"),
+              std::string::npos);
+
+    // Only an unreadable file: nothing to send.
+    register_file("junk.pcap", std::string(300, 'j'), "dev4", kBase + 800 * kSecond,
+                  kBase + 900 * kSecond);
+    response = http_.get(capture_query(kBase + 800 * kSecond, kBase + 810 * kSecond));
+    EXPECT_EQ(response.status, 204);
+    EXPECT_EQ(response.body, "");
+}
+
+TEST_F(CaptureDownloadServerTest, ParallelDownloadsAreIdentical) {
+    const std::string query = capture_query(kBase, kBase + 40 * kSecond);
+    std::vector<HttpResponse> responses(8);
+    std::vector<std::thread> threads;
+    for (auto& response : responses) {
+        threads.emplace_back([&response, &query, this] { response = http_.get(query); });
+    }
+    for (auto& thread : threads) thread.join();
+    ASSERT_EQ(responses[0].status, 200);
+    EXPECT_EQ(lines(tshark_fields(responses[0].body, "-e frame.number")), 80u);
+    for (const auto& response : responses) {
+        EXPECT_EQ(response.status, 200);
+        EXPECT_TRUE(response.body == responses[0].body);
+    }
+}
+
+}  // namespace
+}  // namespace vistrel::testing

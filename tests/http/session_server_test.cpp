@@ -1,0 +1,228 @@
+// A capture session through the real program: two simulated devices, the stand-in capture
+// engine and a stand-in Elasticsearch.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "engine/standin_engine.h"
+#include "support/elasticsearch_standin.h"
+#include "support/server_process.h"
+#include "support/temp_dir.h"
+
+namespace vistrel::testing {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Polls `done` every 100 ms for up to `seconds`.
+template <typename Condition>
+bool eventually(Condition done, int seconds = 20) {
+    for (int i = 0; i < seconds * 10; ++i) {
+        if (done()) return true;
+        std::this_thread::sleep_for(milliseconds(100));
+    }
+    return done();
+}
+
+size_t capture_files_in(const std::string& folder) {
+    size_t count = 0;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.path().extension() == ".pcapng") ++count;
+    }
+    return count;
+}
+
+const char* const kNotRunning =
+    "{\"analyzer\": {\"running\":\"false\",\"error\":\"false\",\"message\":\"You can run a "
+    "capture session or import a capture file\"}}";
+const char* const kRunning =
+    "{\"analyzer\": {\"running\":\"true\",\"error\":\"false\",\"message\":\"To start a new "
+    "session stop your current job or wait until its finished\"}}";
+
+class SessionServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        write_file(scratch.file("sim.yml"),
+                   "devices:\n"
+                   "  - mac: \"00:1b:c5:00:00:11\"\n"
+                   "    model: \"Tidewell Pro\"\n"
+                   "    packets_per_second: 2000\n"
+                   "  - mac: \"00:1b:c5:00:00:12\"\n"
+                   "    model: \"Tidewell Pro 10G\"\n"
+                   "    packets_per_second: 2000\n"
+                   "    firmware_update_seconds: 2\n");
+        server.set_env("TIDEWELL_SIM_CONFIG", scratch.file("sim.yml"));
+        ASSERT_TRUE(server.start()) << server.output();
+        ASSERT_TRUE(eventually([this] {
+            auto devices = nlohmann::json::parse(client.get("/getDevices").body, nullptr, false);
+            return devices.is_object() && devices["devices"].size() == 2;
+        })) << client.get("/getDevices").body;
+    }
+
+    std::string capture_folder(const std::string& name) const {
+        return server.home() + "/Documents/Vistrel/captures/" + name;
+    }
+
+    std::string start_body() const {
+        return R"({"tidewells":[
+            {"model":"Tidewell Pro","friendly_name":"left","mac":"00:1b:c5:00:00:11",
+             "file_name":"left","capture_time":1,"max_nr_files":100,"loop_capture":0,
+             "keep_files":1},
+            {"model":"Tidewell Pro 10G","friendly_name":"right","mac":"00:1b:c5:00:00:12",
+             "file_name":"right","capture_time":1,"max_nr_files":100,"keep_files":1}],
+          "analyzer":{"dns":false,"arp_stats":true,"pkt_stats":false,"es_host":"127.0.0.1",
+             "es_port":")" +
+               std::to_string(search.port()) +
+               R"(","es_index":"vistrel","es_type":"tidewell","http_host":"127.0.0.1",
+             "http_port":"8081"}})";
+    }
+
+    TempDir scratch;
+    ElasticsearchStandIn search;
+    ServerProcess server;
+    StandinEngine engine{server.quellwick_root()};
+    HttpClient client = server.client();
+};
+
+TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
+    EXPECT_EQ(client.get("/getCMStatus").body, kNotRunning);
+
+    auto started = client.post("/startCapture", start_body());
+    EXPECT_EQ(started.status, 200);
+    EXPECT_EQ(
+        started.body,
+        "{\"general_message\":\"Correctly started capture\",\"command\":\"start\","
+        "\"analyzer\": {\"errors\":\"\",\"message\":\"Sucessfully executed command\"},"
+        "\"interfaces\":[],\"tidewells\":[{\"model\":\"Tidewell Pro\",\"mac\":"
+        "\"00:1b:c5:00:00:11\",\"name\":\"left\",\"errors\":\"\",\"message\":\"Successfully "
+        "executed command\"},{\"model\":\"Tidewell Pro 10G\",\"mac\":\"00:1b:c5:00:00:12\","
+        "\"name\":\"right\",\"errors\":\"\",\"message\":\"Successfully executed command\"}]}");
+    ASSERT_EQ(search.requests().size(), 1u);
+    EXPECT_EQ(search.requests()[0].path, "/_cluster/health");
+
+    const std::string bulk = "http://127.0.0.1:" + std::to_string(search.port()) + "/_bulk";
+    EXPECT_EQ(
+        engine.arguments(),
+        (std::vector<std::string>{server.quellwick_root() + "/vistrel/watchkeep/watchkeep", "/c",
+                                  "-P", "left;" + capture_folder("left") + ";1;100;1", "-P",
+                                  "right;" + capture_folder("right") + ";1;100;1", "--dump-flows",
+                                  "es;tidewell;vistrel;" + bulk + ";", "--http-tidewell-index",
+                                  "es;tidewell;" + bulk + ";", "--dns-mode", "3", "--arp-es"}));
+
+    EXPECT_TRUE(eventually([this] {
+        return capture_files_in(capture_folder("left")) > 0 &&
+               capture_files_in(capture_folder("right")) > 0;
+    })) << "no capture files in "
+        << capture_folder("left");
+    EXPECT_EQ(client.get("/getCMStatus").body, kRunning);
+    auto devices = nlohmann::json::parse(client.get("/getDevices").body);
+    EXPECT_EQ(devices["devices"][0]["capturing"], true);
+    EXPECT_EQ(devices["devices"][0]["friendly_name"].get<std::string>().empty(), false);
+
+    auto second = client.post("/startCapture", start_body());
+    EXPECT_EQ(second.status, 503);
+    EXPECT_NE(second.body.find("\"general_message\":\"Cannot start capture, it is still "
+                               "running\""),
+              std::string::npos);
+
+    auto stopped = client.get("/stopCaptureAll");
+    EXPECT_EQ(stopped.status, 200);
+    EXPECT_EQ(
+        stopped.body,
+        "{\"general_message\":\"Correctly stopped capture\",\"command\":\"stop\","
+        "\"analyzer\": {\"errors\":\"\",\"message\":\"Sucessfully executed command\"},"
+        "\"interfaces\":[],\"tidewells\":[{\"model\":\"Tidewell Pro\",\"mac\":"
+        "\"00:1b:c5:00:00:11\",\"name\":\"left\",\"errors\":\"\",\"message\":\"Successfully "
+        "executed command\"},{\"model\":\"Tidewell Pro 10G\",\"mac\":\"00:1b:c5:00:00:12\","
+        "\"name\":\"right\",\"errors\":\"\",\"message\":\"Successfully executed command\"}]}");
+    EXPECT_EQ(engine.stop_input(), "STOP\r\n");
+    EXPECT_EQ(client.get("/getCMStatus").body, kNotRunning);
+    devices = nlohmann::json::parse(client.get("/getDevices").body);
+    EXPECT_EQ(devices["devices"][0]["capturing"], false);
+
+    auto last = nlohmann::json::parse(client.get("/getLastSession").body);
+    EXPECT_EQ(last["message"], "No session is running");
+    EXPECT_EQ(last["last_session"]["command"], "start");
+    EXPECT_NE(last["last_session"]["end_ts"], 0);
+}
+
+TEST_F(SessionServerTest, DeviceEndpointsAnswerTheirDocuments) {
+    auto bad = client.post("/restartTidewell", "{\"tidewells\":");
+    EXPECT_EQ(bad.status, 400);
+    EXPECT_EQ(bad.body,
+              "{\"general_message\":\"Bad Json document (Parse Error) for the given request\","
+              "\"command\":\"restart_device\",\"analyzer\": {\"errors\":\"\",\"message\":\"Unable "
+              "to execute command\"},\"interfaces\":[],\"tidewells\":[]}");
+
+    auto availability = client.get("/getAvailability");
+    EXPECT_EQ(availability.status, 200);
+    EXPECT_NE(availability.body.find("\"Capture machine available\""), std::string::npos);
+
+    auto tidewells = nlohmann::json::parse(client.get("/getTidewells").body);
+    EXPECT_EQ(tidewells["general_message"], "Successfully retrieved all tidewell tidewell_devices");
+    ASSERT_EQ(tidewells["devices"].size(), 2u);
+    EXPECT_TRUE(tidewells["devices"][0].contains("port_speeds"));
+
+    auto saved = client.post("/saveTidewell",
+                             R"({"tidewells":[{"mac":"00:1b:c5:00:00:12",
+                                 "features":{"slicing":1,"slicing_length":128}}]})");
+    EXPECT_EQ(saved.status, 200) << saved.body;
+    EXPECT_NE(saved.body.find("Successfully saved tidewell features for device "
+                              "00:1b:c5:00:00:12"),
+              std::string::npos);
+
+    auto restarted =
+        client.post("/restartTidewell", R"({"tidewells":[{"mac":"00:1b:c5:00:00:99"}]})");
+    EXPECT_EQ(restarted.status, 500);
+    EXPECT_NE(restarted.body.find("Tidewell device with mac '00:1b:c5:00:00:99' is not "
+                                  "available. Please check your connection"),
+              std::string::npos);
+
+    auto status = client.post("/getTidewellFirmwareUpdateStatus",
+                              R"({"tidewells":[{"mac":"00:1b:c5:00:00:11"}]})");
+    EXPECT_EQ(status.status, 200);
+    EXPECT_NE(status.body.find("No firmware update has been started"), std::string::npos);
+}
+
+TEST_F(SessionServerTest, FirmwareFromTheCatalogueIsFlashed) {
+    write_file(server.quellwick_root() + "/tidewell/firmware/tidewell-pro10g-1.2.twfw",
+               "firmware image");
+    auto firmwares = nlohmann::json::parse(client.get("/getTidewellFirmwares").body);
+    EXPECT_EQ(firmwares["general_message"], "Successfully returned all available firmware");
+    bool offered = false;
+    for (const auto& device : firmwares["tidewells"]) {
+        if (device["mac"] != "00:1b:c5:00:00:12") continue;
+        for (const auto& image : device["firmwares"]) {
+            offered = offered || image["file"] == "tidewell-pro10g-1.2.twfw";
+        }
+    }
+    EXPECT_TRUE(offered) << firmwares.dump();
+
+    const std::string device = R"({"tidewells":[{"mac":"00:1b:c5:00:00:12"}]})";
+    auto started = client.post(
+        "/updateTidewellFirmware",
+        R"({"tidewells":[{"mac":"00:1b:c5:00:00:12","firmware_file":"tidewell-pro10g-1.2.twfw"}]})");
+    EXPECT_EQ(started.status, 200) << started.body;
+    EXPECT_NE(started.body.find("\"general_message\":\"Successfully started firmware update of "
+                                "device with mac [00:1b:c5:00:00:12]\""),
+              std::string::npos);
+    EXPECT_TRUE(eventually([&] {
+        return client.post("/getTidewellFirmwareUpdateStatus", device)
+                   .body.find("has completed successfully") != std::string::npos;
+    })) << client.post("/getTidewellFirmwareUpdateStatus", device).body;
+    EXPECT_TRUE(eventually([&] {
+        return client.get("/getAvailability").body.find("\"Capture machine available\"") !=
+               std::string::npos;
+    }));
+}
+
+}  // namespace
+}  // namespace vistrel::testing

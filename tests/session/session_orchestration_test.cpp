@@ -1,0 +1,278 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "database/vistreldatabase.h"
+#include "devicetestfixture.h"
+#include "engine/commandline.h"
+#include "engine/standin_engine.h"
+#include "session/devicecommands.h"
+#include "session/vistrelsession.h"
+#include "support/elasticsearch_standin.h"
+
+namespace vistrel::session {
+namespace {
+
+using std::chrono::milliseconds;
+using vistrel::testing::ElasticsearchStandIn;
+using vistrel::testing::StandinEngine;
+
+// The session over a fake device library, the stand-in engine and a stand-in Elasticsearch.
+class SessionTest : public vistrel::testing::DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        setenv("QUELLWICK_ROOT", temp_.path().c_str(), 1);
+        configuration().database = temp_.file("vistrel-cs.db");
+        database::VistrelDatabase(configuration().database).create_schema();
+        session.set_pause_for_tests(milliseconds(50));
+        ASSERT_FALSE(engine::WatchkeepProcess::is_running()) << "another watchkeep runs";
+    }
+    void TearDown() override {
+        process.stop();
+        unsetenv("QUELLWICK_ROOT");
+        DeviceTest::TearDown();
+    }
+
+    // Plugs devices 00:1b:c5:00:00:<last> (handle = last) and names them in a request.
+    StartRequest request_for(std::vector<uint8_t> lasts, bool plug_them = true) {
+        StartRequest request;
+        for (uint8_t last : lasts) {
+            if (plug_them) plug(last, last);
+            devices::StatsThreadInfo device;
+            device.mac = testing::FakeDeviceLibrary::device_with_mac(last).mac;
+            device.name = "dev" + std::to_string(last);
+            device.set_file_name("cap");
+            device.dd_config.CaptureTime = 60;
+            device.dd_config.MaxNrFiles = 10;
+            device.dd_config.IndexTraffic = 1;
+            request.devices.push_back(device);
+        }
+        request.options.emplace();
+        request.options->es_host = "127.0.0.1";
+        request.options->es_port = std::to_string(search.port());
+        return request;
+    }
+
+    size_t calls_of(const std::string& name) {
+        size_t count = 0;
+        for (const auto& call : fake_.calls()) count += call == name;
+        return count;
+    }
+
+    ElasticsearchStandIn search;
+    StandinEngine standin{temp_.path()};
+    engine::EngineTiming fast{milliseconds(500), 5, milliseconds(100), 7};
+    engine::WatchkeepProcess process{fast};
+    VistrelSession session{process};
+};
+
+TEST_F(SessionTest, DiskSpaceRule) {
+    const int64_t GiB = 1LL << 30;
+    EXPECT_TRUE(VistrelSession::is_enough_disk_space(3 * GiB, 100 * 1024 * 1024 * GiB));
+    EXPECT_TRUE(VistrelSession::is_enough_disk_space(GiB, 10 * GiB));
+    EXPECT_FALSE(VistrelSession::is_enough_disk_space(100 << 20, 10 * GiB));
+    EXPECT_FALSE(VistrelSession::is_enough_disk_space(-1, 10 * GiB));
+    EXPECT_TRUE(VistrelSession::is_enough_disk_space());
+}
+
+TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
+    http::Reply reply = session.start_capture(request_for({1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_EQ(reply.status, 400);
+    EXPECT_NE(reply.text.find("maximum 6 tidewell_devices allowed"), std::string::npos);
+
+    StartRequest missing = request_for({8});
+    missing.devices.push_back(request_for({9}, false).devices[0]);
+    reply = session.start_capture(missing);
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_NE(reply.text.find("\"general_message\":\"Unable to start a capture in unavailable "
+                              "tidewell_devices (check your device connection)\""),
+              std::string::npos);
+    EXPECT_NE(reply.text.find("Tidewell device with mac '00:1b:c5:00:00:09' is not available"),
+              std::string::npos);
+
+    StartRequest offline = request_for({1});
+    offline.options->es_port = std::to_string(ElasticsearchStandIn::closed_port());
+    reply = session.start_capture(offline);
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_NE(reply.text.find("Elasticsearch from capture machine at 127.0.0.1:" +
+                              offline.options->es_port + " is offline"),
+              std::string::npos);
+
+    StartRequest no_options = request_for({1});
+    no_options.options.reset();
+    reply = session.start_capture(no_options);
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("Unable to start capture, internal problems"), std::string::npos);
+
+    EXPECT_TRUE(search.requests().empty());
+    EXPECT_EQ(calls_of("disk_dump_start"), 0u);
+    EXPECT_FALSE(standin.started());
+}
+
+TEST_F(SessionTest, StartStopSomeThenStopAll) {
+    StartRequest request = request_for({1, 2});
+    request.interfaces.push_back({"eth7", 0, ""});
+    http::Reply reply = session.start_capture(request);
+    ASSERT_EQ(reply.status, 200) << reply.text;
+    EXPECT_NE(reply.text.find("{\"general_message\":\"Correctly started capture\",\"command\":"
+                              "\"start\",\"analyzer\": {\"errors\":\"\",\"message\":\"Sucessfully "
+                              "executed command\"},\"interfaces\":[{\"name\":\"eth7\",\"errors\":"
+                              "\"\",\"message\":\"No errors\"}],\"tidewells\":[{\"model\":"
+                              "\"Tidewell Pro\",\"mac\":\"00:1b:c5:00:00:01\",\"name\":\"dev1\","),
+              std::string::npos)
+        << reply.text;
+    ASSERT_EQ(search.requests().size(), 1u);
+    EXPECT_EQ(search.requests()[0].path, "/_cluster/health");
+    EXPECT_EQ(calls_of("disk_dump_start"), 2u);
+    EXPECT_TRUE(std::filesystem::is_directory(configuration().capture_path + "/dev2"));
+
+    std::vector<engine::EngineDevice> expected_devices{
+        {"dev1", configuration().capture_path + "/dev1", 60, 10, true, 0},
+        {"dev2", configuration().capture_path + "/dev2", 60, 10, true, 0}};
+    EXPECT_EQ(standin.arguments(), engine::split_command_line(engine::live_command_line(
+                                       expected_devices, {"eth7"}, &*request.options)));
+
+    reply = session.start_capture(request_for({1}, false));
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_NE(reply.text.find("Cannot start capture, it is still running"), std::string::npos);
+
+    StartRequest first_only = request_for({1}, false);
+    reply = session.stop_capture(first_only);
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_NE(reply.text.find("there are still tidewell_devices capturing"), std::string::npos);
+    EXPECT_TRUE(engine::WatchkeepProcess::is_running());
+    EXPECT_EQ(calls_of("disk_dump_stop"), 1u);
+
+    reply = session.stop_capture();
+    EXPECT_EQ(reply.status, 200) << reply.text;
+    EXPECT_NE(reply.text.find("\"general_message\":\"Correctly stopped capture\",\"command\":"
+                              "\"stop\""),
+              std::string::npos);
+    EXPECT_EQ(calls_of("disk_dump_stop"), 2u);
+    EXPECT_FALSE(engine::WatchkeepProcess::is_running());
+    EXPECT_EQ(standin.stop_input(), "STOP\r\n");
+    EXPECT_NE(session.last_session_document().find("\"command\":\"start\""), std::string::npos);
+}
+
+TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
+    fake_.set_result("disk_dump_start", -1);
+    http::Reply reply = session.start_capture(request_for({1, 2}));
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("\"message\":\"Error executing command\""), std::string::npos);
+    EXPECT_TRUE(standin.started());
+    EXPECT_FALSE(engine::WatchkeepProcess::is_running());
+    EXPECT_EQ(log_count("All Tidewell devices failed to start, stopping Watchkeep"), 1u);
+}
+
+TEST_F(SessionTest, AnalysisRunsTheEngineOverTheFile) {
+    StartRequest request;
+    request.options.emplace();
+    http::Reply reply = session.start_analysis(request, "/up/a.pcap");
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_NE(reply.text.find("\"general_message\":\"Correctly started analysis\",\"command\":"
+                              "\"analyze\""),
+              std::string::npos);
+    auto arguments = standin.arguments();
+    ASSERT_GE(arguments.size(), 4u);
+    EXPECT_EQ(arguments[3], "/up/a.pcap");
+    EXPECT_EQ(arguments.back(), "--daemon");
+
+    reply = session.start_analysis(request, "/up/b.pcap");
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_NE(reply.text.find("Unable to start capture analysis, another capture is running"),
+              std::string::npos);
+
+    // The stop without devices or interfaces while the engine runs: engine stopped, code 1.
+    reply = session.stop_capture();
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_EQ(log_count("[Stop Capture] Stopping Watchkeep session while missing interfaces "
+                        "information"),
+              1u);
+    EXPECT_FALSE(engine::WatchkeepProcess::is_running());
+}
+
+class DeviceCommandTest : public SessionTest {
+  protected:
+    devices::TidewellFirmwareUpdater updater;
+    DeviceCommands commands{session, updater};
+};
+
+TEST_F(DeviceCommandTest, UnknownMacKeepsTheOthersResults) {
+    plug(1, 1);
+    http::Reply reply = commands.restart({"00:1b:c5:00:00:09", "00:1b:c5:00:00:01"});
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("\"command\":\"restart_device\""), std::string::npos);
+    EXPECT_NE(reply.text.find("{\"mac\":\"00:1b:c5:00:00:09\",\"name\":\"\",\"success\":false,"
+                              "\"errors\":\"Tidewell device with mac '00:1b:c5:00:00:09' is not "
+                              "available. Please check your connection\",\"message\":\"Failed to "
+                              "restart device\"}"),
+              std::string::npos)
+        << reply.text;
+    EXPECT_NE(reply.text.find("\"success\":true,\"errors\":\"\",\"message\":\"Successfully "
+                              "restarted device\""),
+              std::string::npos);
+    EXPECT_EQ(calls_of("restart_device"), 1u);
+}
+
+TEST_F(DeviceCommandTest, SaveRestartsOnlyWhenTheFirmwareModeChanges) {
+    plug(1, 1);
+    SaveRequest same;
+    same.mac = "00:1b:c5:00:00:01";
+    same.features = {{"slicing", 1}};
+    http::Reply reply = commands.save({same});
+    EXPECT_EQ(reply.status, 200) << reply.text;
+    EXPECT_NE(reply.text.find("Successfully saved tidewell features for device 00:1b:c5:00:00:01 "
+                              "()"),
+              std::string::npos);
+    EXPECT_EQ(fake_.device(1).features.Slicing, TidewellAPIState_On);
+    EXPECT_EQ(calls_of("restart_device"), 0u);
+
+    SaveRequest mode = same;
+    mode.features = {{"hw_firmware_id", 7}};
+    reply = commands.save({mode});
+    EXPECT_NE(reply.text.find("The device firmware mode was changed, and the device will be "
+                              "restarted"),
+              std::string::npos);
+    EXPECT_EQ(calls_of("restart_device"), 1u);
+
+    fake_.set_result("save_device_features", -1);
+    reply = commands.restore({"00:1b:c5:00:00:01"});
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("Could not restore device 00:1b:c5:00:00:01 ()"), std::string::npos);
+}
+
+TEST_F(DeviceCommandTest, FirmwareRefusedWhileCapturingAndTimeFromGps) {
+    plug(1, 1);
+    fake_.set_capturing(1, true);
+    FirmwareRequest firmware;
+    firmware.mac = "00:1b:c5:00:00:01";
+    firmware.firmware_file = temp_.file("test.log");
+    http::Reply reply = commands.update_firmware({firmware});
+    EXPECT_EQ(reply.status, 400);
+    EXPECT_NE(reply.text.find("It is impossible to start a firmware update if any device is "
+                              "currently capturing"),
+              std::string::npos);
+    EXPECT_EQ(calls_of("firmware_update_start"), 0u);
+
+    fake_.set_capturing(1, false);
+    firmware.firmware_file = temp_.file("missing.bin");
+    reply = commands.update_firmware({firmware});
+    EXPECT_EQ(reply.status, 400);
+    EXPECT_NE(reply.text.find("Incorrect input firmware. Failure to update device."),
+              std::string::npos);
+
+    TimeRequest time;
+    time.mac = "00:1b:c5:00:00:01";
+    time.timing = {TidewellAPITimeSource_GPS, 1700000000, 5};
+    reply = commands.set_time({time});
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_NE(reply.text.find("Successfully set device time from GPS"), std::string::npos);
+    EXPECT_EQ(fake_.last_timing().Seconds, 1700000000u);
+}
+
+}  // namespace
+}  // namespace vistrel::session

@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include "session/replies.h"
+#include "session/sessionresult.h"
+
+namespace vistrel::session {
+namespace {
+
+TEST(CommandDocumentTest, KeysInFixedOrderWithoutEscaping) {
+    CommandDocument document;
+    document.general_message = "Correctly started capture";
+    document.command = "start";
+    document.engine_result = 0;
+    document.interfaces = {{"aa:bb:cc:dd:ee:ff", "eth0", "", "No errors"},
+                           {"", "lo", "x", "No errors"}};
+    document.tidewells = {
+        {"Tidewell Pro", "00:1b:c5:00:00:01", "left", "", "Successfully executed command"}};
+    EXPECT_EQ(command_document(document),
+              "{\"general_message\":\"Correctly started capture\",\"command\":\"start\","
+              "\"analyzer\": {\"errors\":\"\",\"message\":\"Sucessfully executed command\"},"
+              "\"interfaces\":[{\"mac\":\"aa:bb:cc:dd:ee:ff\",\"name\":\"eth0\",\"errors\":\"\","
+              "\"message\":\"No errors\"},{\"name\":\"lo\",\"errors\":\"x\",\"message\":\"No "
+              "errors\"}],\"tidewells\":[{\"model\":\"Tidewell Pro\",\"mac\":\"00:1b:c5:00:00:01\","
+              "\"name\":\"left\",\"errors\":\"\",\"message\":\"Successfully executed command\"}]}");
+}
+
+TEST(CommandDocumentTest, EngineErrorsOnlyForRealFailures) {
+    CommandDocument document;
+    document.engine_result = 6;
+    EXPECT_NE(command_document(document).find(
+                  "\"analyzer\": {\"errors\":\"\",\"message\":\"Unable to execute command\"}"),
+              std::string::npos);
+    document.engine_result = 3;
+    EXPECT_NE(command_document(document).find("\"analyzer\": {\"errors\":\"It is already "
+                                              "running\",\"message\":\"It is already running\"}"),
+              std::string::npos);
+    document.command_result = "{\"type\":\"restart_device\"}";
+    EXPECT_NE(command_document(document).find(
+                  "},\"command_result\":{\"type\":\"restart_device\"},\"interfaces\":[]"),
+              std::string::npos);
+}
+
+TEST(SessionMessageTest, ReplyTable) {
+    EXPECT_EQ(command_name(11), "unknown");
+    EXPECT_EQ(command_name(-1), "unknown");
+    EXPECT_EQ(command_name(kCommandSetDeviceTime), "set_device_time_from_sntp");
+    EXPECT_EQ(session_message(9, kCommandAnalyze),
+              "Trying to run a capture in too many tidewell_devices simultaneously, maximum 6 "
+              "tidewell_devices allowed");
+    EXPECT_EQ(session_message(10, kCommandStart, "es.local", "9201"),
+              "Unable to run a capture. Elasticsearch from capture machine at es.local:9201 is "
+              "offline. Use another Elasticsearch Instance");
+    EXPECT_EQ(session_message(5, kCommandStop),
+              "Correctly stopped the selected tidewell_devices, however the capture didn't stop "
+              "completely because there are still tidewell_devices capturing");
+    EXPECT_EQ(session_message(4, kCommandStart), "Unhandled behavior for start command");
+    EXPECT_EQ(session_message(6, kCommandStop), "Unhandled behavior for stop command");
+    EXPECT_EQ(session_message(2, kCommandAnalyze), "Unhandled behavior");
+    EXPECT_EQ(session_message(12, kCommandStart), "Unhandled behavior");
+    EXPECT_EQ(session_status(5, 0), 200);
+    EXPECT_EQ(session_status(6, 0), 507);
+    EXPECT_EQ(session_status(2, 0), 401);
+    EXPECT_EQ(session_status(14, 0), 400);
+    EXPECT_EQ(session_status(12, 299), 299);
+}
+
+TEST(StatusDocumentTest, FlagsAreStrings) {
+    EXPECT_EQ(analyzer_status_document(false),
+              "{\"analyzer\": {\"running\":\"false\",\"error\":\"false\",\"message\":\"You can run "
+              "a capture session or import a capture file\"}}");
+    EXPECT_EQ(analyzer_status_document(true),
+              "{\"analyzer\": {\"running\":\"true\",\"error\":\"false\",\"message\":\"To start a "
+              "new session stop your current job or wait until its finished\"}}");
+    EXPECT_NE(availability_document(true).find(
+                  "Capture machine is not available, there is a firmware flash in progress"),
+              std::string::npos);
+    EXPECT_NE(availability_document(false).find("\"Capture machine available\""),
+              std::string::npos);
+}
+
+}  // namespace
+}  // namespace vistrel::session

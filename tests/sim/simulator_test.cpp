@@ -1,0 +1,411 @@
+// The device simulator as the server sees it: the real libTidewellAPI.so behind the registry.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "devices/deviceoperations.h"
+#include "devices/deviceregistry.h"
+#include "devices/tidewellfirmwareupdater.h"
+#include "startup/configuration.h"
+#include "startup/logger.h"
+#include "support/temp_dir.h"
+
+namespace vistrel::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using devices::StatsThreadInfo;
+
+constexpr char kFirst[] = "00:1b:c5:00:00:01";
+constexpr char kSecond[] = "00:1b:c5:00:00:02";
+
+// Waits up to a minute for `condition`.
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 1200; ++i) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return condition();
+}
+
+bool present(const std::string& mac) {
+    for (const auto& device : devices::snapshot()) {
+        if (device.mac_text() == mac) return true;
+    }
+    return false;
+}
+
+std::string device_entry(const std::string& mac, const std::string& extra = "") {
+    return "  - mac: \"" + mac + "\"\n    model: \"Tidewell Pro\"\n" + extra;
+}
+
+// Runs a shell command; its standard output.
+std::string run(const std::string& command, int* status = nullptr) {
+    std::string output;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return output;
+    char buffer[4096];
+    size_t length;
+    while ((length = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        output.append(buffer, length);
+    const int result = ::pclose(pipe);
+    if (status != nullptr) *status = result;
+    return output;
+}
+
+std::vector<std::string> capture_files(const std::string& folder) {
+    std::vector<std::string> files;
+    std::error_code code;
+    for (const auto& entry : fs::directory_iterator(folder, code)) {
+        if (entry.path().extension() == ".pcapng") files.push_back(entry.path().string());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+class SimulatorTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        config_ = temp_.file("tidewell-sim.yml");
+        ::setenv("TIDEWELL_SIM_CONFIG", config_.c_str(), 1);
+        logger().open(temp_.file("test.log"));
+        logger().set_level(kLogTrace);
+        configuration().capture_path = temp_.file("captures");
+        devices::clear_registry();
+        devices::set_new_device_subscriber([this](StatsThreadInfo info) {
+            std::lock_guard lock(events_mutex_);
+            events_.push_back("new " + std::to_string(info.handle));
+        });
+        devices::set_device_gone_subscriber([this](StatsThreadInfo info) {
+            std::lock_guard lock(events_mutex_);
+            events_.push_back("gone " + std::to_string(info.handle));
+        });
+    }
+
+    void TearDown() override {
+        if (started_) devices::uninitialise();
+        devices::set_new_device_subscriber(nullptr);
+        devices::set_device_gone_subscriber(nullptr);
+        devices::clear_registry();
+        logger().close();
+        ::unsetenv("TIDEWELL_SIM_CONFIG");
+    }
+
+    // Replaces the simulator file in one step, as an editor that renames would.
+    void write_devices(const std::string& entries) {
+        const std::string staging = config_ + ".new";
+        write_file(staging, "devices:\n" + entries);
+        fs::rename(staging, config_);
+    }
+
+    void start(const std::string& entries) {
+        write_devices(entries);
+        ASSERT_EQ(devices::initialise(), 0);
+        started_ = true;
+    }
+
+    std::vector<std::string> events() {
+        std::lock_guard lock(events_mutex_);
+        return events_;
+    }
+
+    // The registry record of `mac`, configured for a capture into <captures>/<name>.
+    StatsThreadInfo capture_device(const std::string& mac, const std::string& name,
+                                   uint32_t capture_time, uint32_t max_files, bool loop) {
+        StatsThreadInfo device = devices::find_device_by_mac(mac);
+        device.name = name;
+        device.set_file_name("trace");
+        device.dd_config.CaptureTime = capture_time;
+        device.dd_config.MaxNrFiles = max_files;
+        device.dd_config.LoopCapture = loop ? TidewellAPIState_On : TidewellAPIState_Off;
+        device.dd_config.KeepFiles = 0;
+        return device;
+    }
+
+    TempDir temp_;
+    std::string config_;
+    bool started_ = false;
+    std::mutex events_mutex_;
+    std::vector<std::string> events_;
+};
+
+TEST_F(SimulatorTest, DevicesOfTheFileAreAnnouncedWithTheirData) {
+    start(device_entry(kFirst, "    hw_firmware_id: 3\n    firmware_version: 65540\n") +
+          "  - mac: \"00:1B:C5:00:00:02\"\n    model: \"Tidewell Lite\"\n"
+          "    capabilities: 0x309\n");
+    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 2; }));
+    const StatsThreadInfo first = devices::find_device_by_mac(kFirst);
+    EXPECT_EQ(first.type, TidewellAPIDeviceType_Pro);
+    EXPECT_EQ(first.capabilities, 0x30bu);
+    EXPECT_EQ(first.features.HWFirmwareId, 3);
+    EXPECT_EQ(first.versions.FirmwareVersion, 65540u);
+    const StatsThreadInfo second = devices::find_device_by_mac(kSecond);
+    EXPECT_EQ(second.type, TidewellAPIDeviceType_Lite);
+    EXPECT_EQ(second.capabilities, 0x309u);
+    StatsThreadInfo status = first;
+    devices::InterfaceStatus details;
+    EXPECT_TRUE(devices::get_iface_status(status, &details));
+    EXPECT_EQ(details.link.PortCount, 2u);
+    EXPECT_EQ(details.link.Ports[0].LinkUp, TidewellAPIState_On);
+}
+
+TEST_F(SimulatorTest, EditingTheFilePlugsAndUnplugsDevices) {
+    start(device_entry(kFirst));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    write_devices(device_entry(kFirst) + device_entry(kSecond));
+    ASSERT_TRUE(eventually([] { return present(kSecond); }));
+    const TidewellAPIHandle first = devices::find_handle_by_mac(kFirst);
+    write_devices(device_entry(kSecond));
+    ASSERT_TRUE(eventually([] { return !present(kFirst); }));
+    EXPECT_TRUE(present(kSecond));
+    EXPECT_EQ(events().back(), "gone " + std::to_string(first));
+    // Plugged in again, it keeps its handle.
+    write_devices(device_entry(kSecond) + device_entry(kFirst));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    EXPECT_EQ(devices::find_handle_by_mac(kFirst), first);
+    // A file that is no YAML leaves the devices as they are.
+    write_file(config_, "devices: [\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(devices::snapshot().size(), 2u);
+}
+
+TEST_F(SimulatorTest, FailingCallsArePerDevice) {
+    start(
+        device_entry(kFirst, "    fail: [TidewellAPIGetVersions]\n") +
+        device_entry(kSecond, "    fail: [TidewellAPIRestartDevice, TidewellAPIDiskDumpStart]\n"));
+    ASSERT_TRUE(eventually([] { return present(kSecond); }));
+    EXPECT_FALSE(present(kFirst));  // its versions can't be read
+    StatsThreadInfo second = capture_device(kSecond, "second", 0, 0, false);
+    EXPECT_EQ(devices::api_restart_device(second), 6u);
+    EXPECT_EQ(devices::api_start(second), 1u);
+    EXPECT_TRUE(devices::get_dd_status(second));
+    // Lifting the failure through the file makes the first device readable on its next
+    // announcement.
+    const size_t before = events().size();
+    write_devices(device_entry(kSecond));
+    ASSERT_TRUE(eventually([&] { return events().size() > before; }));  // the first is gone
+    write_devices(device_entry(kSecond) + device_entry(kFirst));
+    EXPECT_TRUE(eventually([] { return present(kFirst); }));
+}
+
+TEST_F(SimulatorTest, RestartedDeviceGoesAndComesBack) {
+    start(device_entry(kFirst));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo device = devices::find_device_by_mac(kFirst);
+    const std::string handle = std::to_string(device.handle);
+    ASSERT_EQ(devices::api_restart_device(device), 0u);
+    ASSERT_TRUE(eventually([&] { return events().size() >= 3; }));
+    EXPECT_EQ(events(),
+              (std::vector<std::string>{"new " + handle, "gone " + handle, "new " + handle}));
+    EXPECT_TRUE(present(kFirst));
+}
+
+TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
+    start(device_entry(kFirst, "    packets_per_second: 1500\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo device = capture_device(kFirst, "tap one", 1, 0, false);
+    ASSERT_EQ(devices::api_start(device), 0u);
+    EXPECT_TRUE(devices::is_device_capturing(device));
+    EXPECT_TRUE(devices::any_capturing());
+    EXPECT_EQ(devices::api_start(device), 2u);
+    const std::string folder = configuration().capture_path + "/tap one";
+    ASSERT_TRUE(eventually([&] { return capture_files(folder).size() >= 3; }));
+    ASSERT_EQ(devices::api_stop(device), 0u);
+    EXPECT_FALSE(devices::is_device_capturing(device));
+    EXPECT_FALSE(devices::any_capturing());
+    ASSERT_TRUE(devices::get_dd_status(device));
+    EXPECT_GT(device.dd_status.PacketsWritten, 0u);
+
+    const std::vector<std::string> files = capture_files(folder);
+    ASSERT_GE(files.size(), 3u);
+    uint64_t packets = 0;
+    for (const auto& file : files) {
+        SCOPED_TRACE(file);
+        EXPECT_EQ(fs::path(file).filename().string().rfind("trace_", 0), 0u);
+        int status = -1;
+        const std::string info = run("capinfos '" + file + "' 2>&1", &status);
+        EXPECT_EQ(status, 0) << info;
+        EXPECT_NE(info.find("File type:           Wireshark/... - pcapng"), std::string::npos)
+            << info;
+        EXPECT_NE(info.find("Number of interfaces in file: 2"), std::string::npos) << info;
+        EXPECT_NE(info.find("File timestamp precision:  nanoseconds (9)"), std::string::npos)
+            << info;
+        const std::string count =
+            run("capinfos -M -c '" + file + "' | awk '/Number of packets/ {print $NF}'");
+        packets += std::strtoull(count.c_str(), nullptr, 10);
+    }
+    EXPECT_EQ(packets, device.dd_status.PacketsWritten);
+
+    // Every frame decodes, with good checksums, and all kinds of traffic are there.
+    const std::string protocols = run(
+        "tshark -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE "
+        "-r '" +
+        files[0] + "' -T fields -e frame.protocols -e _ws.expert.severity 2>&1");
+    EXPECT_NE(protocols.find("eth:ethertype:ip:tcp"), std::string::npos);
+    EXPECT_NE(protocols.find("eth:ethertype:ip:udp"), std::string::npos);
+    EXPECT_NE(protocols.find("eth:ethertype:ipv6:tcp"), std::string::npos);
+    EXPECT_NE(protocols.find("eth:ethertype:ipv6:udp"), std::string::npos);
+    EXPECT_NE(protocols.find("eth:ethertype:arp"), std::string::npos);
+    const std::string bad = run(
+        "tshark -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE "
+        "-r '" +
+        files[0] +
+        "' -Y 'ip.checksum.status == 0 || tcp.checksum.status == 0 || "
+        "udp.checksum.status == 0 || _ws.malformed || _ws.expert.severity >= 8388608' 2>/dev/null "
+        "| wc -l");
+    EXPECT_EQ(std::strtoul(bad.c_str(), nullptr, 10), 0u) << bad;
+    const std::string interfaces = run(
+        "tshark -r '" + files[0] + "' -T fields -e frame.interface_id | sort -u | tr '\\n' ' '");
+    EXPECT_EQ(interfaces, "0 1 ");
+}
+
+TEST_F(SimulatorTest, LastFileEndsACaptureWithoutLoop) {
+    start(device_entry(kFirst, "    packets_per_second: 100\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo device = capture_device(kFirst, "limited", 1, 2, false);
+    ASSERT_EQ(devices::api_start(device), 0u);
+    ASSERT_TRUE(eventually([&] { return !devices::is_device_capturing(device); }));
+    EXPECT_EQ(capture_files(configuration().capture_path + "/limited").size(), 2u);
+    EXPECT_EQ(devices::api_stop(device), 0u);
+}
+
+TEST_F(SimulatorTest, LoopCaptureKeepsOnlyTheNewestFiles) {
+    start(device_entry(kFirst, "    packets_per_second: 100\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo device = capture_device(kFirst, "ring", 1, 2, true);
+    ASSERT_EQ(devices::api_start(device), 0u);
+    ASSERT_TRUE(eventually([&] {
+        devices::get_dd_status(device);
+        return device.dd_status.FilesWritten >= 3;
+    }));
+    EXPECT_TRUE(devices::is_device_capturing(device));
+    ASSERT_EQ(devices::api_stop(device), 0u);
+    const auto files = capture_files(configuration().capture_path + "/ring");
+    EXPECT_EQ(files.size(), 2u);
+    EXPECT_EQ(files.front().find("_00001.pcapng"), std::string::npos);
+}
+
+TEST_F(SimulatorTest, UninitialiseEndsACaptureCleanly) {
+    start(device_entry(kFirst, "    packets_per_second: 500\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo device = capture_device(kFirst, "cut", 0, 0, false);
+    ASSERT_EQ(devices::api_start(device), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_EQ(devices::uninitialise(), 0);
+    started_ = false;
+    const auto files = capture_files(configuration().capture_path + "/cut");
+    ASSERT_EQ(files.size(), 1u);
+    int status = -1;
+    run("capinfos '" + files[0] + "' > /dev/null 2>&1", &status);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(SimulatorTest, UnpluggingOrRestartingACapturingDeviceEndsItsCapture) {
+    start(device_entry(kFirst, "    packets_per_second: 400\n") +
+          device_entry(kSecond, "    packets_per_second: 400\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst) && present(kSecond); }));
+    StatsThreadInfo first = capture_device(kFirst, "unplugged", 0, 0, false);
+    StatsThreadInfo second = capture_device(kSecond, "restarted", 0, 0, false);
+    ASSERT_EQ(devices::api_start(first), 0u);
+    ASSERT_EQ(devices::api_start(second), 0u);
+    ASSERT_TRUE(devices::any_capturing());
+    write_devices(device_entry(kSecond, "    packets_per_second: 400\n"));
+    ASSERT_TRUE(eventually([] { return !present(kFirst); }));
+    ASSERT_EQ(devices::api_restart_device(second), 0u);
+    ASSERT_TRUE(eventually([&] { return events().size() >= 5; }));  // 2 new, gone, gone, new
+    ASSERT_TRUE(eventually([] { return present(kSecond); }));
+    EXPECT_FALSE(devices::any_capturing());
+    for (const char* name : {"unplugged", "restarted"}) {
+        const auto files = capture_files(configuration().capture_path + "/" + name);
+        ASSERT_EQ(files.size(), 1u) << name;
+        int status = -1;
+        run("capinfos '" + files[0] + "' > /dev/null 2>&1", &status);
+        EXPECT_EQ(status, 0) << name;
+    }
+}
+
+TEST_F(SimulatorTest, FirmwareFlashReportsProgressThenItsEnd) {
+    start(device_entry(kFirst, "    firmware_update_seconds: 2.5\n") +
+          device_entry(kSecond,
+                       "    firmware_update_seconds: 0.5\n    firmware_update_fails: true\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst) && present(kSecond); }));
+    const std::string image = temp_.file("image.twfw");
+    write_file(image, "firmware image");
+    devices::TidewellFirmwareUpdater updater;
+    EXPECT_TRUE(updater.start_update(kFirst, temp_.file("missing.twfw")).success);
+    ASSERT_TRUE(eventually([&] { return !updater.any_running(); }));
+    EXPECT_FALSE(updater.status(kFirst).start_success);  // the library refused the missing file
+
+    ASSERT_TRUE(updater.start_update(kFirst, image).success);
+    std::set<int32_t> seen;
+    ASSERT_TRUE(eventually([&] {
+        const auto status = updater.status(kFirst);
+        if (status.update_in_progress) seen.insert(status.update_progress);
+        return !status.update_in_progress;
+    }));
+    EXPECT_TRUE(updater.status(kFirst).update_success);
+    EXPECT_GE(seen.size(), 2u);  // at least 0 and one later value
+    for (int32_t progress : seen) EXPECT_LT(progress, 100);
+
+    ASSERT_TRUE(eventually([&] { return !updater.any_running(); }));
+    ASSERT_TRUE(updater.start_update(kSecond, image).success);
+    ASSERT_TRUE(eventually([&] { return !updater.status(kSecond).update_in_progress; }));
+    EXPECT_FALSE(updater.status(kSecond).update_success);
+    ASSERT_TRUE(eventually([&] { return !updater.any_running(); }));
+}
+
+// Plugging and unplugging while request threads run operations: no finding under the
+// sanitizers, no deadlock.
+TEST_F(SimulatorTest, PluggingWhileOperationsRun) {
+    start(device_entry(kFirst, "    packets_per_second: 300\n") + device_entry(kSecond));
+    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 2; }));
+    std::atomic<bool> stop{false};
+    std::atomic<int> rounds{0};
+    auto worker = [&](int index) {
+        while (!stop) {
+            for (auto device : devices::snapshot()) {
+                device.name = "stress" + std::to_string(index);
+                device.set_file_name("s");
+                device.dd_config.CaptureTime = 1;
+                devices::InterfaceStatus details;
+                devices::get_iface_status(device, &details);
+                if (devices::api_start(device) == 0) devices::api_stop(device);
+                devices::is_device_capturing(device);
+                devices::any_capturing();
+                devices::all_available({device});
+                try {
+                    devices::find_handle_by_mac(device.mac_text());
+                } catch (const devices::TidewellMissingException&) {
+                }
+            }
+            ++rounds;
+        }
+    };
+    std::thread first(worker, 1);
+    std::thread second(worker, 2);
+    for (int cycle = 0; cycle < 6; ++cycle) {
+        write_devices(device_entry(kSecond));
+        ASSERT_TRUE(eventually([] { return !present(kFirst); }));
+        write_devices(device_entry(kSecond) +
+                      device_entry(kFirst, "    packets_per_second: 300\n"));
+        ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    }
+    StatsThreadInfo restarting = devices::find_device_by_mac(kSecond);
+    devices::restart_device(restarting);
+    stop = true;
+    first.join();
+    second.join();
+    EXPECT_GT(rounds.load(), 0);
+}
+
+}  // namespace
+}  // namespace vistrel::testing
