@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -13,19 +14,38 @@
 
 namespace {
 
-const std::string& sample(bool pcapng) {
-    static const std::string folder = [] {
+// Two generated files in a folder of their own, removed when the program ends.
+class SampleFolder {
+  public:
+    SampleFolder() {
         char name[] = "/tmp/vistrel-bench-XXXXXX";
-        return std::string(mkdtemp(name));
-    }();
-    static std::string paths[2];
-    std::string& path = paths[pcapng ? 1 : 0];
-    if (path.empty()) {
-        path = folder + (pcapng ? "/sample.pcapng" : "/sample.pcap");
-        vistrel::bench::generate_capture(path, pcapng, 64ull << 20, 1710000000ull * 1000000000ull,
-                                         700000);
+        if (mkdtemp(name) != nullptr) folder_ = name;
     }
-    return path;
+    ~SampleFolder() {
+        for (const auto& path : paths_) {
+            if (!path.empty()) std::remove(path.c_str());
+        }
+        if (!folder_.empty()) rmdir(folder_.c_str());
+    }
+
+    const std::string& sample(bool pcapng) {
+        std::string& path = paths_[pcapng ? 1 : 0];
+        if (path.empty()) {
+            path = folder_ + (pcapng ? "/sample.pcapng" : "/sample.pcap");
+            vistrel::bench::generate_capture(path, pcapng, 64ull << 20,
+                                             1710000000ull * 1000000000ull, 700000);
+        }
+        return path;
+    }
+
+  private:
+    std::string folder_;
+    std::string paths_[2];
+};
+
+const std::string& sample(bool pcapng) {
+    static SampleFolder folder;
+    return folder.sample(pcapng);
 }
 
 void read_whole_file(benchmark::State& state, bool pcapng) {

@@ -422,26 +422,5 @@ TEST_F(TsharkPipeTest, OutputWaitingAfterStopIsNotDelivered) {
     EXPECT_NE(console.find("TShark process is not running\n"), std::string::npos);
 }
 
-TEST_F(TsharkPipeTest, ReceivesWhatTheChildWrites) {
-    TsharkPipe pipe(script("echo.sh", "cat"));
-    ConsoleCapture capture;
-    ASSERT_EQ(pipe.start({}), 0);
-    const std::string text = "hello through the filter";
-    EXPECT_EQ(pipe.send(reinterpret_cast<const uint8_t*>(text.data()), text.size()),
-              static_cast<int64_t>(text.size()));
-    std::string received;
-    uint8_t buffer[8];
-    while (received.size() < text.size()) {
-        const int64_t got = pipe.receive(buffer, sizeof buffer);
-        ASSERT_GE(got, 0);
-        EXPECT_LE(got, 8);
-        received.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(got));
-        if (got == 0) ::usleep(1000);
-    }
-    EXPECT_EQ(received, text);
-    pipe.stop();
-    capture.text();
-}
-
 }  // namespace
 }  // namespace vistrel::capture

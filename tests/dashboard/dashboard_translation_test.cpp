@@ -112,14 +112,6 @@ TEST(DashboardVariables, CollectorsReadTheirOwnArgumentsOnly) {
     EXPECT_EQ(interface_filter(filters), "port1");
 }
 
-TEST(DashboardVariables, OperatorsBecomeDisplayFilterOperators) {
-    EXPECT_EQ(translate_operator("="), "==");
-    EXPECT_EQ(translate_operator("=~"), "==");
-    EXPECT_EQ(translate_operator("!~"), "!=");
-    EXPECT_EQ(translate_operator("!="), "!=");
-    EXPECT_EQ(translate_operator(">"), ">");
-}
-
 class FilterRulesTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -154,6 +146,7 @@ TEST_F(FilterRulesTest, EachRuleKindMakesItsTerm) {
     EXPECT_EQ(translate({{"ARP", "=", "ignored"}}, false), "((arp))");
     EXPECT_EQ(translate({{"protocol", "=", "dns || http"}}, false), "((dns || http))");
     EXPECT_EQ(translate({{"TTL", ">", "5"}}, false), "((ip.ttl>5))");
+    EXPECT_EQ(translate({{"TTL", "=~", "5"}}, false), "((ip.ttl==5))");
     // The bidirectional section is consulted only in that mode.
     EXPECT_EQ(translate({{"MAC", "=", "00:1b:c5:00:00:01"}}, false),
               "((eth.src==00:1b:c5:00:00:01))");
