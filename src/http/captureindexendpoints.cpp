@@ -1,15 +1,17 @@
 #include "http/captureindexendpoints.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <list>
 #include <nlohmann/json.hpp>
 #include <regex>
 
 #include "database/captureindex.h"
+#include "database/resultcodes.h"
 #include "searchindex/searchindexclient.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -105,7 +107,10 @@ Reply handle_add_file(const QueryArguments& arguments) {
     record.end_ts = static_cast<uint64_t>(end);
     record.n_packets = static_cast<uint64_t>(packets);
     // A refused insert is logged by the database; the engine's report was received all the same.
-    database::add_capture_file(record);
+    if (database::add_capture_file(record) == database::kInvalidRecord) {
+        LOG_WARNING("Capture file '%s' not indexed: empty file_path, source or es_index",
+                    path.c_str());
+    }
     return reply;
 }
 
@@ -152,7 +157,8 @@ Reply handle_cleanup(const QueryArguments& arguments) {
     size_t errors = 0;
     if (!files.empty() && delete_files) {
         for (const database::CaptureFileRecord& file : files) {
-            if (std::remove(file.file_path.c_str()) == 0) {
+            // A file only: a folder registered by mistake is an error, not something to remove.
+            if (::unlink(file.file_path.c_str()) == 0) {
                 ++removed;
                 LOG_NORMAL("Removed file %s", file.file_path.c_str());
             } else {

@@ -46,6 +46,9 @@ size_t discard_body(char* /*data*/, size_t size, size_t count, void* /*context*/
 void prepare(CURL* handle, const char* url, const Credentials& credentials,
              const std::string& address, char (&userpwd)[kCredentialsSize]) {
     curl_easy_setopt(handle, CURLOPT_URL, url);
+    // Requests run on several threads at once: libcurl must not swap the process-wide SIGPIPE
+    // disposition around each transfer (one thread could restore it under another's feet).
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     if (!credentials.user.empty() || !credentials.password.empty()) {
         std::snprintf(userpwd, sizeof userpwd, "%s:%s", credentials.user.c_str(),
                       credentials.password.c_str());

@@ -29,13 +29,11 @@ int shut_down() {
 
 // Creates the database file and its tables; non-zero on failure.
 int initialise_database() {
-    // DATABASE: schema
     return static_cast<int>(vistrel::database::initialise_database());
 }
 
 // Empties the database; the result is the process's exit code.
 int run_database_cleanup() {
-    // DATABASE: cleanup
     return static_cast<int>(vistrel::database::cleanup_database());
 }
 
@@ -91,13 +89,17 @@ int main(int argc, char** argv) {
     } else if (config.mode == "stop") {
         LOG_NORMAL("Received STOP command");
     } else if (config.mode == "cleanup") {
-        return run_database_cleanup();
+        int result = run_database_cleanup();
+        vistrel::http::HttpServer::destroy();
+        return result;
     } else {
+        vistrel::http::HttpServer::destroy();
         return 1;
     }
 
     if (vistrel::devices::initialise() != 0) {
         LOG_ERROR("Failed to initialize Tidewell API");
+        vistrel::http::HttpServer::destroy();
         return -1;
     }
 

@@ -115,12 +115,21 @@ TEST_F(CaptureIndexEndpointsTest, AddFileRefusesMissingFieldsAndBadNumbers) {
     EXPECT_EQ(rows(database::kCaptureTable), 0);
 }
 
-TEST_F(CaptureIndexEndpointsTest, AddFileWithAQuoteInThePathAnswersButStoresNothing) {
+TEST_F(CaptureIndexEndpointsTest, AddFileThatCannotBeStoredIsAnsweredAndLogged) {
     Arguments values = file_arguments();
     values["file_path"] = "/caps/it's.pcapng";
     EXPECT_EQ(handle_add_file(arguments(values)).status, 200);
-    EXPECT_EQ(rows(database::kCaptureTable), 0);
     EXPECT_EQ(occurrences(log_text(), "Unable to insert values into table TidewellCapture"), 1u);
+
+    // Present but empty: an invalid record, which the index refuses without SQL.
+    values = file_arguments();
+    values["source"] = "";
+    EXPECT_EQ(handle_add_file(arguments(values)).status, 200);
+    EXPECT_EQ(occurrences(log_text(),
+                          "Capture file '/caps/a.pcapng' not indexed: empty "
+                          "file_path, source or es_index"),
+              1u);
+    EXPECT_EQ(rows(database::kCaptureTable), 0);
 }
 
 TEST_F(CaptureIndexEndpointsTest, CleanupWithoutMatchingFilesSaysSo) {
@@ -218,11 +227,15 @@ TEST_F(CaptureIndexEndpointsTest, CleanupCountsFilesAlreadyGoneAsErrors) {
     EXPECT_EQ(occurrences(log_text(), "Removing file " + gone + " failed with error code: 2"), 1u);
 
     capture("gone-too.pcapng", 100, 200, "dev1", "idx", false);
+    // A folder is not a capture file: it stays, and counts as an error.
+    std::string folder = capture("folder.pcapng", 100, 200, "dev1", "idx", false);
+    std::filesystem::create_directory(folder);
     reply = handle_cleanup(arguments({{"filesystem", "true"}}));
     EXPECT_EQ(reply.status, 500);
     EXPECT_EQ(reply.text,
               "Unable to delete any of the files found for your request. They might have been "
               "deleted manually");
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
     EXPECT_EQ(rows(database::kCaptureTable), 0);
 }
 
