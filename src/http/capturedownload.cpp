@@ -89,9 +89,11 @@ MHD_Result handle_capture_download(const GetRequest& request) {
 
     const std::optional<std::string> from = request.arguments("from");
     const std::optional<std::string> to = request.arguments("to");
+    // Bad arguments are plain text replies, like those of the other GET endpoints; only the
+    // extraction's own failures are the styled pages the dashboard shows.
     if (!from || !to) {
         LOG_NORMAL("Bad request, timestamps not found");
-        return send_html_page(connection, "Error : Missing timestamp 'from' or 'to'", false, 400);
+        return send_text(connection, "Error : Missing timestamp 'from' or 'to'", 400);
     }
     LOG_NORMAL("Requesting pcap between: %s and %s", from->c_str(), to->c_str());
 
@@ -100,7 +102,7 @@ MHD_Result handle_capture_download(const GetRequest& request) {
     query.end = dashboard::translate_timestamp(*to, false);
     if (query.start == 0 || query.end == 0) {
         LOG_NORMAL("Bad request, timestamps corrupted");
-        return send_html_page(connection, "Error : Bad timestamps given", false, 400);
+        return send_text(connection, "Error : Bad timestamps given", 400);
     }
 
     // A dashboard filter on the interface names the one source to read; otherwise the
