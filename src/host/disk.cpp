@@ -47,7 +47,9 @@ int64_t free_space(const std::string& folder) {
     return volume_bytes(folder, true);
 }
 
-int64_t total_space(const std::string& folder) { return volume_bytes(folder, false); }
+int64_t total_space(const std::string& folder) {
+    return volume_bytes(folder, false);
+}
 
 std::string disk_space_document(const std::string& folder, const std::string& unit) {
     create_folder(folder);

@@ -84,8 +84,8 @@ std::string interfaces_document() {
             if (address.rfind("169.254.", 0) == 0 || address == "localhost") offered = false;
         }
         if (!offered) continue;
-        list.push_back({{"id", id++}, {"name", adapter.name}, {"mac", adapter.mac},
-                        {"capturing", false}});
+        list.push_back(
+            {{"id", id++}, {"name", adapter.name}, {"mac", adapter.mac}, {"capturing", false}});
     }
     return list.dump();
 }

@@ -15,7 +15,7 @@ struct NetworkInterface {
 
 struct AdapterInfo {
     std::string name;
-    std::string mac;  // "aa:bb:cc:dd:ee:ff", empty when the adapter has none
+    std::string mac;                     // "aa:bb:cc:dd:ee:ff", empty when the adapter has none
     std::vector<std::string> addresses;  // unicast IPv4/IPv6 texts in system order
 };
 

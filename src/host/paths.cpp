@@ -37,13 +37,21 @@ std::string maker_folder() {
     return root.empty() ? "/opt/quellwick" : root;
 }
 
-std::string server_folder() { return maker_folder() + "/vistrel/centralizedserver"; }
+std::string server_folder() {
+    return maker_folder() + "/vistrel/centralizedserver";
+}
 
-std::string watchkeep_folder() { return maker_folder() + "/vistrel/watchkeep"; }
+std::string watchkeep_folder() {
+    return maker_folder() + "/vistrel/watchkeep";
+}
 
-std::string firmware_catalogue_path() { return maker_folder() + "/tidewell/firmware/firmware.xml"; }
+std::string firmware_catalogue_path() {
+    return maker_folder() + "/tidewell/firmware/firmware.xml";
+}
 
-std::string tshark_program() { return "/usr/bin/tshark"; }
+std::string tshark_program() {
+    return "/usr/bin/tshark";
+}
 
 std::string resolve_path(const std::string& path) {
     if (!path.empty() && path[0] == '/') return path;

@@ -27,9 +27,10 @@ std::optional<sockaddr_storage> choose_listen_address(Configuration& config) {
                 config.host = "127.0.0.1";
             }
         } else {
-            LOG_ERROR("Bad interface '%s', current interface does not exist, is not connected or "
-                      "doesn't have a valid IPv4 address assigned. Binding to 'localhost'",
-                      name.c_str());
+            LOG_ERROR(
+                "Bad interface '%s', current interface does not exist, is not connected or "
+                "doesn't have a valid IPv4 address assigned. Binding to 'localhost'",
+                name.c_str());
             config.host = "127.0.0.1";
         }
     }

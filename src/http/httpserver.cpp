@@ -11,11 +11,13 @@
 #include <string>
 
 #include "devices/deviceregistry.h"
+#include "engine/engineresult.h"
+#include "host/disk.h"
+#include "host/paths.h"
 #include "http/binding.h"
 #include "http/connectionrecord.h"
 #include "http/pages.h"
 #include "http/routes.h"
-#include "host/disk.h"
 #include "session/replies.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -35,26 +37,31 @@ constexpr int64_t kUploadSpace = 2147483648LL;
 MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
     refused = false;
     // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
-    auto refuse = [&](const char* message, int status) {
+    auto refuse = [&](const char* message, uint32_t code, int status) {
         refused = true;
         delete record;
-        return send_text(connection, session::message_document(message, "AnalyzeCapture"), status);
+        return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
+                         status);
     };
     if (engine::WatchkeepProcess::is_running()) {
         LOG_WARNING("Watchkeep is already running");
-        return refuse("Vistrel is busy with another analysis, please retry later", 503);
+        return refuse("Vistrel is busy with another analysis, please retry later",
+                      engine::kEngineAlreadyRunning, 503);
     }
     if (g_uploads > kMaxUploads - 1) {
         LOG_WARNING("Max number of uploaders reached");
-        return refuse("Vistrel is busy with another analysis, please retry later", 503);
+        return refuse("Vistrel is busy with another analysis, please retry later",
+                      engine::kEngineAlreadyRunning, 503);
     }
-    if (host::free_space(configuration().analyze_capture_path) < kUploadSpace) {
+    // Measured under the profile's own Vistrel folder, whatever upload folder is configured.
+    if (host::free_space(host::profile_folder() + "/Documents/Vistrel/analyzed_captures") <
+        kUploadSpace) {
         LOG_WARNING("Low disk space");
-        return refuse("Low disk space, (min 2GB)", 507);
+        return refuse("Low disk space, (min 2GB)", engine::kEngineNotExecuted, 507);
     }
     LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
-    record->post_processor = MHD_create_post_processor(connection, 512, upload_iterator,
-                                                       &record->upload);
+    record->post_processor =
+        MHD_create_post_processor(connection, 512, upload_iterator, &record->upload);
     if (record->post_processor == nullptr) {
         delete record;
         return MHD_NO;
@@ -85,8 +92,8 @@ QueryArguments arguments_of(MHD_Connection* connection) {
 MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
     QueryArguments arguments = arguments_of(connection);
     for (const GetRoute& route : get_routes()) {
-        bool matches = route.match_anywhere ? url.find(route.path) != std::string::npos
-                                            : url == route.path;
+        bool matches =
+            route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
         if (!matches || !route.handler) continue;
         try {
             return route.handler(GetRequest{connection, url, arguments});
@@ -138,17 +145,18 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
                           size_t* upload_data_size, void** slot) {
     const std::string url = url_text != nullptr ? url_text : "";
     const std::string method = method_text != nullptr ? method_text : "";
+    // Every call is logged; the polled URLs and upload chunks only at debug level.
+    if (is_polled_url(url)) {
+        LOG_DEBUG("Request for url: '%s'", url.c_str());
+    } else {
+        LOG_NORMAL("Request for url: '%s'", url.c_str());
+    }
     if (*slot == nullptr) {
-        if (is_polled_url(url)) {
-            LOG_DEBUG("Request for url: '%s'", url.c_str());
-        } else {
-            LOG_NORMAL("Request for url: '%s'", url.c_str());
-        }
         // libmicrohttpd owns the record through the slot until the completion callback.
         auto* record = new (std::nothrow) ConnectionRecord();
         if (record == nullptr) return MHD_NO;
-        record->type = method == "POST" ? ConnectionRecord::Type::kPost
-                                        : ConnectionRecord::Type::kGet;
+        record->type =
+            method == "POST" ? ConnectionRecord::Type::kPost : ConnectionRecord::Type::kGet;
         if (method == "POST" && url == "/analyzeCapture") {
             bool refused = false;
             MHD_Result result = admit_upload(connection, record, refused);
@@ -191,7 +199,8 @@ void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminati
         --g_uploads;
         LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
     }
-    if (record->upload.close_file()) LOG_NORMAL("Request completed: Closed upload file");
+    // Still open here means the last chunk never came: the stored file is incomplete.
+    if (record->upload.discard_file()) LOG_NORMAL("Request completed: Closed upload file");
     delete record;
     *slot = nullptr;
 }

@@ -13,7 +13,7 @@ namespace vistrel::http {
 // The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection) and
 // the long-lived objects the endpoints share.
 class HttpServer {
-public:
+  public:
     // Start results.
     static constexpr int kListening = 0;
     static constexpr int kAlreadyRunning = 1;
@@ -40,7 +40,7 @@ public:
     engine::WatchkeepProcess& engine() { return *engine_; }
     session::VistrelSession& session() { return *session_; }
 
-private:
+  private:
     MHD_Daemon* daemon_ = nullptr;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
     std::unique_ptr<engine::WatchkeepProcess> engine_;

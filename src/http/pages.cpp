@@ -7,8 +7,7 @@ namespace {
 // Nothing configures an allowed origin today, so "*" is what the dormant CORS path would send.
 const std::string kAllowedOrigin;
 
-MHD_Result queue_copy(MHD_Connection* connection, const std::string& body, int status,
-                      bool cors) {
+MHD_Result queue_copy(MHD_Connection* connection, const std::string& body, int status, bool cors) {
     MHD_Response* response = MHD_create_response_from_buffer(
         body.size(), const_cast<char*>(body.data()), MHD_RESPMEM_MUST_COPY);
     if (response == nullptr) return MHD_NO;
@@ -38,8 +37,8 @@ MHD_Result send_text(MHD_Connection* connection, const std::string& body, int st
 
 MHD_Result send_html_page(MHD_Connection* connection, const std::string& message, bool refresh,
                           int status) {
-    std::string page = refresh ? "<html><meta http-equiv=\"refresh\" content=\"1\"/><body>"
-                               : "<html><body>";
+    std::string page =
+        refresh ? "<html><meta http-equiv=\"refresh\" content=\"1\"/><body>" : "<html><body>";
     page += message;
     page += "</body></html>";
     return queue_copy(connection, page, status, false);
@@ -53,7 +52,9 @@ std::string styled_error_page(const std::string& title, const std::string& messa
            "a{color:#61c2f2;text-decoration:underline;cursor:pointer;}"
            "</style></head>"
            "<h1 style=\"color:#005f9d\">Vistrel</h1>"
-           "<h2>" + title + "</h2><p>" + message + "</p>"
+           "<h2>" +
+           title + "</h2><p>" + message +
+           "</p>"
            "<a href=\"https://support.quellwick.example/vistrel\" target=\"_blank\">Get Support</a>"
            "</body></html>";
 }

@@ -22,9 +22,13 @@ GetHandler reply_handler(std::function<Reply(const QueryArguments&)> handler) {
 
 namespace {
 
-Reply alive(const QueryArguments&) { return {"Centralized Server Alive", 200}; }
+Reply alive(const QueryArguments&) {
+    return {"Centralized Server Alive", 200};
+}
 
-Reply interfaces(const QueryArguments&) { return {host::interfaces_document(), 200}; }
+Reply interfaces(const QueryArguments&) {
+    return {host::interfaces_document(), 200};
+}
 
 Reply disk_space(const QueryArguments&) {
     std::string document = host::disk_space_document(configuration().capture_path, "GB");

@@ -21,7 +21,9 @@ ssize_t read_file_block(void* closure, uint64_t position, char* buffer, size_t m
     return static_cast<ssize_t>(count);
 }
 
-void close_file(void* closure) { std::fclose(static_cast<FILE*>(closure)); }
+void close_file(void* closure) {
+    std::fclose(static_cast<FILE*>(closure));
+}
 
 char kFileNotFound[] =
     "<html><head><title>File not found</title></head><body>File not found</body></html>";
@@ -38,9 +40,8 @@ MHD_Result serve_static_file(MHD_Connection* connection, const std::string& url)
         MHD_destroy_response(response);
         return result;
     }
-    MHD_Response* response =
-        MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kBlockSize, &read_file_block, file,
-                                          &close_file);
+    MHD_Response* response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kBlockSize,
+                                                               &read_file_block, file, &close_file);
     if (response == nullptr) {
         std::fclose(file);
         return MHD_NO;

@@ -1,5 +1,6 @@
 #include "http/uploadendpoint.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -88,6 +89,18 @@ bool UploadState::close_file() {
     return true;
 }
 
+bool UploadState::discard_file() {
+    if (file == nullptr) return false;
+    struct stat open_file {};
+    struct stat named_file {};
+    bool same = fstat(fileno(file), &open_file) == 0 && stat(path.c_str(), &named_file) == 0 &&
+                open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
+    close_file();
+    if (same && unlink(path.c_str()) == 0)
+        LOG_WARNING("Removed incomplete upload '%s'", path.c_str());
+    return true;
+}
+
 bool is_capture_file_name(const std::string& name) {
     return ends_with(name, ".pcap") || ends_with(name, ".pcapng") || ends_with(name, ".cap");
 }
@@ -118,6 +131,7 @@ MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, c
     }
     if (std::fwrite(data, 1, size, upload.file) != size) {
         LOG_ERROR("Could not write upload file '%s'", upload.path.c_str());
+        upload.discard_file();
         return refuse(upload, 500, "Could not write upload file");
     }
     upload.answer = kUploadDone;

@@ -24,6 +24,9 @@ struct UploadState {
 
     // Closes the upload file; true when one was open.
     bool close_file();
+    // Closes and removes an upload file that will never be complete; true when one was open.
+    // A newer upload of the same name that replaced it is left alone.
+    bool discard_file();
 
     FILE* file = nullptr;  // open in append-binary mode while chunks arrive
     std::string path;      // where the upload is stored

@@ -10,6 +10,7 @@
 #include "devices/firmwarestash.h"
 #include "host/disk.h"
 #include "host/paths.h"
+#include "session/devicedocuments.h"
 #include "session/replies.h"
 #include "session/sessionresult.h"
 #include "startup/logger.h"
@@ -61,7 +62,7 @@ http::Reply DeviceCommands::reply(int command, const char* result_type,
     nlohmann::ordered_json command_result;
     command_result["type"] = result_type;
     command_result["results"] = results;
-    document.command_result = command_result.dump();
+    document.command_result = document_text(command_result);
     return {command_document(document), session_status(code, 200)};
 }
 
@@ -284,7 +285,7 @@ http::Reply DeviceCommands::firmware_status(const std::vector<std::string>& macs
     nlohmann::ordered_json command_result;
     command_result["type"] = "firmware_update_status";
     command_result["results"] = results;
-    document.command_result = command_result.dump();
+    document.command_result = document_text(command_result);
     return {command_document(document), 200};
 }
 

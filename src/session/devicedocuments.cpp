@@ -48,6 +48,10 @@ uint32_t port_count(const devices::StatsThreadInfo& device) {
 
 }  // namespace
 
+std::string document_text(const nlohmann::ordered_json& document) {
+    return document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 std::string speed_text(TidewellAPIPortSpeed speed) {
     switch (speed) {
         case TidewellAPIPortSpeed_Auto:

@@ -27,6 +27,10 @@ nlohmann::ordered_json features_document(const TidewellAPIFeatures& features);
 // {"port_count","port_a","port_b","auto_negotiation","supported":[..]}
 nlohmann::ordered_json port_speeds_document(const TidewellAPIPortsSpeed& speeds);
 
+// The text of a document. Bytes that are no UTF-8 (an uploaded file's name, a catalogue entry)
+// become U+FFFD rather than failing the whole reply.
+std::string document_text(const nlohmann::ordered_json& document);
+
 // "10M", "100M", "1G", "10G", "auto", "disabled" or "unknown".
 std::string speed_text(TidewellAPIPortSpeed speed);
 

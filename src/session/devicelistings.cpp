@@ -46,7 +46,7 @@ std::string devices_list_text(const VistrelSession& session) {
     for (const auto& device : devices::snapshot()) {
         list.push_back(device_summary(refreshed(device, nullptr), name_of(session, device)));
     }
-    return "\"devices\":" + list.dump();
+    return "\"devices\":" + document_text(list);
 }
 
 http::Reply tidewells_reply(const VistrelSession& session) {
@@ -60,7 +60,7 @@ http::Reply tidewells_reply(const VistrelSession& session) {
         list.push_back(device_details(current, details, name_of(session, device)));
     }
     document["devices"] = list;
-    return {document.dump(), 200};
+    return {document_text(document), 200};
 }
 
 http::Reply firmwares_reply(const VistrelSession& session) {
@@ -69,7 +69,7 @@ http::Reply firmwares_reply(const VistrelSession& session) {
         nlohmann::ordered_json failure;
         failure["general_message"] = "Could not read the firmware catalogue";
         failure["catalogue"] = host::firmware_catalogue_path();
-        return {failure.dump(), 500};
+        return {document_text(failure), 500};
     }
     nlohmann::ordered_json document;
     document["general_message"] = "Successfully returned all available firmware";
@@ -94,7 +94,7 @@ http::Reply firmwares_reply(const VistrelSession& session) {
         tidewells.push_back(entry);
     }
     document["tidewells"] = tidewells;
-    return {document.dump(), 200};
+    return {document_text(document), 200};
 }
 
 }  // namespace vistrel::session

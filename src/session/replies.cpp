@@ -44,10 +44,12 @@ std::string command_document(const CommandDocument& document) {
     return text;
 }
 
-std::string message_document(const std::string& message, const std::string& command) {
+std::string message_document(const std::string& message, const std::string& command,
+                             uint32_t engine_result) {
     CommandDocument document;
     document.general_message = message;
     document.command = command;
+    document.engine_result = engine_result;
     return command_document(document);
 }
 

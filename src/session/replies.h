@@ -42,8 +42,10 @@ struct CommandDocument {
 // unescaped. The analyser's "errors" repeats the engine text unless the engine result is 0 or 6.
 std::string command_document(const CommandDocument& document);
 
-// A reply that only carries a message under a command text (uploads, bad requests).
-std::string message_document(const std::string& message, const std::string& command);
+// A reply that only carries a message under a command text (uploads, bad requests), with the
+// engine result its analyser section shows.
+std::string message_document(const std::string& message, const std::string& command,
+                             uint32_t engine_result = engine::kEngineNotExecuted);
 
 // The capture status of the machine ("/getCMStatus"), from whether the engine runs.
 std::string analyzer_status_document(bool running);

@@ -13,6 +13,7 @@
 #include "engine/engineresult.h"
 #include "host/disk.h"
 #include "searchindex/searchindexclient.h"
+#include "session/devicedocuments.h"
 #include "session/sessionresult.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -239,8 +240,13 @@ http::Reply VistrelSession::start_capture(StartRequest request) {
         LOG_WARNING("[Start Capture] Failed because Watchkeep was already running");
         return answer(kSessionAlreadyRunning, kCommandStart, launched, device_lines(nullptr));
     }
-    if (launched == engine::kEngineError || !present) {
-        if (!present) engine_.stop();
+    if (launched == engine::kEngineError) {
+        LOG_WARNING("[Start Capture] Failed because Watchkeep could not be started");
+        return answer(kSessionInternalProblem, kCommandStart, launched, device_lines(nullptr));
+    }
+    if (!present) {
+        // A child that came up and went again may still hold the input pipe.
+        engine_.stop();
         LOG_WARNING("[Start Capture] Failed because Watchkeep could not be started");
         return answer(kSessionInternalProblem, kCommandStart, launched, device_lines(nullptr));
     }
@@ -373,7 +379,7 @@ std::string VistrelSession::last_session_document() const {
     document["message"] = running ? "There is a session running" : "No session is running";
     if (last_.command < 0) {
         document["last_session"] = nullptr;
-        return document.dump();
+        return document_text(document);
     }
     nlohmann::ordered_json& last = document["last_session"];
     last["uuid"] = last_.uuid;
@@ -384,7 +390,7 @@ std::string VistrelSession::last_session_document() const {
     last["interfaces"] = last_.interface_names;
     last["file_path"] = last_.file_path;
     last["engine_command"] = last_.command_line;
-    return document.dump();
+    return document_text(document);
 }
 
 }  // namespace vistrel::session

@@ -40,16 +40,36 @@ std::optional<int> handle_option(Configuration& config, int letter, const char* 
     std::string text = argument != nullptr ? argument : "";
     if (argument != nullptr) config.last_option_argument = text;
     switch (letter) {
-        case 'b': config.bindall = true; break;
-        case 'v': print_version(); return 0;
-        case 'h': print_usage(); return 0;
-        case 'a': config.host = text; break;
-        case 'd': config.database = host::resolve_path(text); break;
-        case 'i': config.interface = host::NetworkInterface{text, -1, {}}; break;
-        case 'p': config.port = static_cast<uint32_t>(std::atoi(text.c_str())); break;
-        case 'f': config.captures = host::resolve_path(text); break;
-        case 't': config.capture_path = host::resolve_path(text); break;
-        case 'u': config.analyze_capture_path = host::resolve_path(text); break;
+        case 'b':
+            config.bindall = true;
+            break;
+        case 'v':
+            print_version();
+            return 0;
+        case 'h':
+            print_usage();
+            return 0;
+        case 'a':
+            config.host = text;
+            break;
+        case 'd':
+            config.database = host::resolve_path(text);
+            break;
+        case 'i':
+            config.interface = host::NetworkInterface{text, -1, {}};
+            break;
+        case 'p':
+            config.port = static_cast<uint32_t>(std::atoi(text.c_str()));
+            break;
+        case 'f':
+            config.captures = host::resolve_path(text);
+            break;
+        case 't':
+            config.capture_path = host::resolve_path(text);
+            break;
+        case 'u':
+            config.analyze_capture_path = host::resolve_path(text);
+            break;
         case 'c': {
             config.reset();
             config.config_file = host::resolve_path(text);
@@ -75,7 +95,9 @@ std::optional<int> handle_option(Configuration& config, int letter, const char* 
             config.loglevel = level_from_name(text);
             logger().set_level(config.loglevel);
             break;
-        case 's': config.from_manager = true; break;
+        case 's':
+            config.from_manager = true;
+            break;
         default:
             std::cout << "[Set Up] Unknown option -'" << letter << "': Exiting" << std::endl;
             return 0;
@@ -104,12 +126,16 @@ CommandLineResult load_command_line(Configuration& config, int argc, char** argv
     return {config.validate(), std::nullopt};
 }
 
-void print_version() { std::cout << "centralizedserver v." << kVersion << std::endl; }
+void print_version() {
+    std::cout << "centralizedserver v." << kVersion << std::endl;
+}
 
 void print_usage() {
     std::cout << "Centralized Server @ Vistrel" << std::endl
               << "centralizedserver v." << kVersion << std::endl
-              << "Usage:" << "\n" << " centralized-server <options> --mode <mode>" << std::endl
+              << "Usage:"
+              << "\n"
+              << " centralized-server <options> --mode <mode>" << std::endl
               << "The configuration file parameter is optional, if it is not provided, options "
                  "from command line will be used"
               << std::endl
@@ -128,7 +154,8 @@ void print_usage() {
               << std::endl
               << "--captures        | Path to captures directory tree for Vistrel" << std::endl
               << "--capture-path    | Path to capture directory for Vistrel" << std::endl
-              << "--analyze-capture-path" << "\t"
+              << "--analyze-capture-path"
+              << "\t"
               << "| Path to analyzed capture directory for Vistrel" << std::endl
               << "--loglevel        | Select a log level [trace,debug,info,normal,warning or "
                  "error]. 'normal' is selected as default"

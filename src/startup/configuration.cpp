@@ -22,7 +22,9 @@ Configuration& configuration() {
     return instance;
 }
 
-std::string log_file_path() { return host::temp_folder() + "/vistrelserveres.log"; }
+std::string log_file_path() {
+    return host::temp_folder() + "/vistrelserveres.log";
+}
 
 void initialise_configuration_and_log() {
     configuration();
@@ -82,12 +84,14 @@ bool Configuration::load_yaml() {
         if (server["port"]) {
             long long configured = server["port"].as<long long>();
             // Out of range numbers become 0, which validation replaces by the default port.
-            port = configured < 0 || configured > 0xFFFFFFFFLL ? 0 : static_cast<uint32_t>(configured);
+            port =
+                configured < 0 || configured > 0xFFFFFFFFLL ? 0 : static_cast<uint32_t>(configured);
         } else {
             port = kDefaultPort;
         }
 
-        if (general["captures"]) captures = host::resolve_path(general["captures"].as<std::string>());
+        if (general["captures"])
+            captures = host::resolve_path(general["captures"].as<std::string>());
         if (general["loglevel"]) {
             loglevel = level_from_name(general["loglevel"].as<std::string>());
             logger().set_level(loglevel);
@@ -110,8 +114,9 @@ bool Configuration::make_captures_tree() {
     }
     if (all_empty) {
         if (!host::folder_exists(captures) && !host::create_folder(captures)) {
-            std::cout << "[Set Up] Unable to make captures dir tree. Failed to make parent folder at '"
-                      << captures << "'" << std::endl;
+            std::cout
+                << "[Set Up] Unable to make captures dir tree. Failed to make parent folder at '"
+                << captures << "'" << std::endl;
             captures.clear();
             return false;
         }
@@ -193,7 +198,8 @@ bool Configuration::validate() {
     }
 
     if (!bindall && host.empty() && !interface) {
-        std::cout << "[Set Up] Missing config, binding to defaults - " << "127.0.0.1" << std::endl;
+        std::cout << "[Set Up] Missing config, binding to defaults - "
+                  << "127.0.0.1" << std::endl;
         host = "127.0.0.1";
     }
     return true;

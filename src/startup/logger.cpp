@@ -11,7 +11,9 @@ Logger& logger() {
     return instance;
 }
 
-Logger::~Logger() { close(); }
+Logger::~Logger() {
+    close();
+}
 
 void Logger::close() {
     if (stream_ != nullptr) {
@@ -87,13 +89,20 @@ uint32_t level_from_name(const std::string& name) {
 
 std::string name_from_level(uint32_t level) {
     switch (level) {
-        case kLogError: return "error";
-        case kLogWarning: return "warning";
-        case kLogNormal: return "normal";
-        case kLogInfo: return "info";
-        case kLogDebug: return "debug";
-        case kLogTrace: return "trace";
-        default: return "invalid";
+        case kLogError:
+            return "error";
+        case kLogWarning:
+            return "warning";
+        case kLogNormal:
+            return "normal";
+        case kLogInfo:
+            return "info";
+        case kLogDebug:
+            return "debug";
+        case kLogTrace:
+            return "trace";
+        default:
+            return "invalid";
     }
 }
 

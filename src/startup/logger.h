@@ -19,7 +19,7 @@ enum LogLevel : uint32_t {
 // The one process-wide logger: every line goes to the log file (when open) and to standard
 // output, each flushed at once so that a killed process leaves a complete log.
 class Logger {
-public:
+  public:
     Logger() = default;
     ~Logger();
     Logger(const Logger&) = delete;
@@ -38,7 +38,7 @@ public:
     uint32_t level() const { return level_; }
     bool enabled(uint32_t level) const { return level_ != 0 && level <= level_; }
 
-private:
+  private:
     FILE* stream_ = nullptr;
     uint32_t level_ = kLogNormal;
 };
@@ -54,8 +54,7 @@ std::string name_from_level(uint32_t level);
 }  // namespace vistrel
 
 // The compiler's base name keeps log lines short ("[main.cpp:136]").
-#define VLOG(level, ...) \
-    ::vistrel::logger().log((level), __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define VLOG(level, ...) ::vistrel::logger().log((level), __FILE_NAME__, __LINE__, __VA_ARGS__)
 #define LOG_ERROR(...) VLOG(::vistrel::kLogError, __VA_ARGS__)
 #define LOG_WARNING(...) VLOG(::vistrel::kLogWarning, __VA_ARGS__)
 #define LOG_NORMAL(...) VLOG(::vistrel::kLogNormal, __VA_ARGS__)

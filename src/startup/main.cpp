@@ -128,7 +128,10 @@ int main(int argc, char** argv) {
 
     if (config.mode == "daemon") {
         vistrel::ControlPipe pipe(vistrel::control_pipe_path());
-        if (!pipe.create()) std::cout << "[Daemon] Failed to create pipe" << "\n" << std::flush;
+        if (!pipe.create())
+            std::cout << "[Daemon] Failed to create pipe"
+                      << "\n"
+                      << std::flush;
         LOG_NORMAL("Server running, waiting for signal");
         pipe.wait_for_signal();
     } else if (config.mode == "debug") {

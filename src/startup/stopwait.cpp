@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <optional>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "host/paths.h"
@@ -30,7 +30,7 @@ sigset_t stop_signal_set() {
 
 // A descriptor that is closed on every path out of its scope.
 class FileDescriptor {
-public:
+  public:
     explicit FileDescriptor(int fd = -1) : fd_(fd) {}
     ~FileDescriptor() { reset(); }
     FileDescriptor(const FileDescriptor&) = delete;
@@ -41,7 +41,7 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_;
 };
 
@@ -52,7 +52,7 @@ int open_signal_fd() {
 
 // Puts a terminal in non-canonical, no-echo mode for the lifetime of the object.
 class RawTerminal {
-public:
+  public:
     RawTerminal() {
         if (tcgetattr(STDIN_FILENO, &saved_) == 0) {
             struct termios raw = saved_;
@@ -68,7 +68,7 @@ public:
     RawTerminal(const RawTerminal&) = delete;
     RawTerminal& operator=(const RawTerminal&) = delete;
 
-private:
+  private:
     struct termios saved_ {};
     bool active_ = false;
 };
@@ -107,7 +107,9 @@ void wait_for_key_or_stop_signal() {
     }
 }
 
-std::string control_pipe_path() { return host::temp_folder() + "/HTTPServerES"; }
+std::string control_pipe_path() {
+    return host::temp_folder() + "/HTTPServerES";
+}
 
 ControlPipe::ControlPipe(std::string path) : path_(std::move(path)) {}
 
@@ -138,7 +140,8 @@ bool ControlPipe::create() {
 void ControlPipe::wait_for_signal() {
     FileDescriptor signals(open_signal_fd());
     while (true) {
-        FileDescriptor pipe(created_ ? ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
+        FileDescriptor pipe(created_ ? ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+                                     : -1);
         struct pollfd fds[2] = {{signals.get(), POLLIN, 0}, {pipe.get(), POLLIN, 0}};
         int count = pipe.get() >= 0 ? 2 : 1;
         while (true) {

@@ -15,7 +15,7 @@ void wait_for_key_or_stop_signal();
 
 // The daemon's control FIFO: one byte written to it stops the server.
 class ControlPipe {
-public:
+  public:
     explicit ControlPipe(std::string path);
     ~ControlPipe();
     ControlPipe(const ControlPipe&) = delete;
@@ -27,7 +27,7 @@ public:
     // FIFO of its own only the signal can end the wait.
     void wait_for_signal();
 
-private:
+  private:
     std::string path_;
     bool created_ = false;
 };

@@ -1,11 +1,11 @@
 #include "host/processes.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 // A child whose command name is unique to this test, so nothing else on the machine matches.
 class NamedChild {
-public:
+  public:
     NamedChild(const testing::TempDir& dir, const std::string& name, bool ignore_interrupt) {
         std::string program = dir.file(name);
         std::filesystem::copy_file("/bin/sleep", program);
@@ -42,7 +42,7 @@ public:
         return status;
     }
 
-private:
+  private:
     pid_t pid_;
 };
 

@@ -2,9 +2,8 @@
 #include "http/binding.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 #include "startup/logger.h"
 #include "support/temp_dir.h"
@@ -15,7 +14,7 @@ namespace {
 using http::choose_listen_address;
 
 class BindingTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         logger().open(dir_.file("log"));
         logger().set_level(kLogTrace);

@@ -1,10 +1,9 @@
 // The HTTP core of the running server: dispatch, reply conventions, static files, methods.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -19,7 +18,7 @@ using testing::write_file;
 
 // One server for the whole suite: these checks do not change its state.
 class HttpCoreTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         server_ = new ServerProcess();
         ASSERT_TRUE(server_->start());
@@ -92,7 +91,8 @@ TEST_F(HttpCoreTest, HostDocumentsAnswer) {
     ASSERT_TRUE(list.is_array());
     for (const auto& adapter : list) {
         EXPECT_NE(adapter["name"], "lo");
-        EXPECT_TRUE(adapter.contains("id") && adapter.contains("mac") && adapter.contains("capturing"));
+        EXPECT_TRUE(adapter.contains("id") && adapter.contains("mac") &&
+                    adapter.contains("capturing"));
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "database/vistreldatabase.h"
@@ -168,18 +169,37 @@ TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
     EXPECT_EQ(log_count("All Tidewell devices failed to start, stopping Watchkeep"), 1u);
 }
 
+TEST_F(SessionTest, EngineThatNeverStartsFailsBeforeTheDevices) {
+    standin.set_mode("exit");
+    http::Reply reply = session.start_capture(request_for({1}));
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("\"general_message\":\"Unable to start capture, internal "
+                              "problems\",\"command\":\"start\",\"analyzer\": {\"errors\":\"Error "
+                              "executing command\",\"message\":\"Error executing command\"}"),
+              std::string::npos)
+        << reply.text;
+    EXPECT_EQ(log_count("[Start Capture] Failed because Watchkeep could not be started"), 1u);
+    // Launch result 1 answers at once: no stop of an engine that was never there.
+    EXPECT_EQ(log_count("[Watchkeep Stop] Stopping..."), 0u);
+    EXPECT_EQ(calls_of("disk_dump_start"), 0u);
+}
+
 TEST_F(SessionTest, AnalysisRunsTheEngineOverTheFile) {
     StartRequest request;
     request.options.emplace();
-    http::Reply reply = session.start_analysis(request, "/up/a.pcap");
+    // A client's file name need not be UTF-8 (here Latin-1).
+    const std::string path = "/up/caf\xe9.pcap";
+    http::Reply reply = session.start_analysis(request, path);
     EXPECT_EQ(reply.status, 200);
     EXPECT_NE(reply.text.find("\"general_message\":\"Correctly started analysis\",\"command\":"
                               "\"analyze\""),
               std::string::npos);
     auto arguments = standin.arguments();
     ASSERT_GE(arguments.size(), 4u);
-    EXPECT_EQ(arguments[3], "/up/a.pcap");
+    EXPECT_EQ(arguments[3], path);
     EXPECT_EQ(arguments.back(), "--daemon");
+    auto last = nlohmann::json::parse(session.last_session_document());
+    EXPECT_EQ(last["last_session"]["file_path"], "/up/caf\xef\xbf\xbd.pcap");
 
     reply = session.start_analysis(request, "/up/b.pcap");
     EXPECT_EQ(reply.status, 503);

@@ -20,7 +20,7 @@ using testing::write_file;
 
 // Each test gets its own profile and program folders and a fresh configuration record.
 class CommandLineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         setenv("HOME", dir_.file("home").c_str(), 1);
         setenv("QUELLWICK_ROOT", dir_.file("quellwick").c_str(), 1);
@@ -62,13 +62,14 @@ TEST_F(CommandLineTest, DefaultsDeriveTheCapturesTreeAndBindToLoopback) {
     EXPECT_TRUE(printed("[Set Up] Missing config, binding to defaults - 127.0.0.1"));
     EXPECT_EQ(config_.host, "127.0.0.1");
     EXPECT_EQ(config_.port, 8081u);
-    EXPECT_EQ(config_.database, dir_.file("quellwick") + "/vistrel/centralizedserver/vistrel-cs.db");
+    EXPECT_EQ(config_.database,
+              dir_.file("quellwick") + "/vistrel/centralizedserver/vistrel-cs.db");
     EXPECT_TRUE(host::folder_exists(dir_.file("quellwick") + "/vistrel/centralizedserver"));
 }
 
 TEST_F(CommandLineTest, RelativePathsResolveUnderTheProfileFolder) {
-    EXPECT_TRUE(parse({"--mode", "debug", "--captures", "data/caps", "--database", "db\\x.db"})
-                    .proceed);
+    EXPECT_TRUE(
+        parse({"--mode", "debug", "--captures", "data/caps", "--database", "db\\x.db"}).proceed);
     EXPECT_EQ(config_.captures, home() + "/data/caps");
     EXPECT_EQ(config_.capture_path, home() + "/data/caps/captures");
     EXPECT_EQ(config_.database, home() + "/db/x.db");
@@ -83,12 +84,14 @@ TEST_F(CommandLineTest, PortOutsideTheUserRangeIsCorrectedNotRejected) {
         EXPECT_TRUE(parse({"--mode", "debug", "--port", given}).proceed) << given;
         EXPECT_EQ(config_.port, kept) << given;
         bool corrected = kept == 8081;
-        EXPECT_EQ(printed("[Set Up] Bad configuration, incorrect port number "), corrected) << given;
+        EXPECT_EQ(printed("[Set Up] Bad configuration, incorrect port number "), corrected)
+            << given;
     }
     config_.reset();
     parse({"--mode", "debug", "--port", "1023"});
-    EXPECT_TRUE(printed("[Set Up] Bad configuration, incorrect port number 1023, using default "
-                        "port 8081 instead"));
+    EXPECT_TRUE(
+        printed("[Set Up] Bad configuration, incorrect port number 1023, using default "
+                "port 8081 instead"));
 }
 
 TEST_F(CommandLineTest, HostMustBeIPv4OrLocalhost) {
@@ -116,7 +119,8 @@ TEST_F(CommandLineTest, InterfaceMustExistUnlessAHostIsGiven) {
     EXPECT_FALSE(parse({"--mode", "debug", "--interface", "LO"}).proceed);
 
     config_.reset();
-    EXPECT_TRUE(parse({"--mode", "debug", "--interface", "nosuch0", "--host", "127.0.0.1"}).proceed);
+    EXPECT_TRUE(
+        parse({"--mode", "debug", "--interface", "nosuch0", "--host", "127.0.0.1"}).proceed);
 }
 
 TEST_F(CommandLineTest, DatabaseNeedsALowerCaseDbExtension) {
@@ -126,7 +130,8 @@ TEST_F(CommandLineTest, DatabaseNeedsALowerCaseDbExtension) {
     config_.reset();
     // A folder that cannot be made (its parent is a file) is reported.
     write_file(dir_.file("plain"), "x");
-    EXPECT_FALSE(parse({"--mode", "debug", "--database", dir_.file("plain") + "/sub/x.db"}).proceed);
+    EXPECT_FALSE(
+        parse({"--mode", "debug", "--database", dir_.file("plain") + "/sub/x.db"}).proceed);
     EXPECT_TRUE(printed("[Set Up] Server failed to start. Unable to create database file at '" +
                         dir_.file("plain") + "/sub/x.db'"));
 }

@@ -1,10 +1,9 @@
 // The real binary, started in a sandbox: run modes, exit codes, printed texts, stop signals.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <filesystem>
@@ -27,7 +26,8 @@ TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
     ServerProcess server;
     ProgramRun no_arguments = server.run({});
     EXPECT_EQ(no_arguments.exit_code, 255);
-    EXPECT_TRUE(contains(no_arguments.output, "Usage:\n centralized-server <options> --mode <mode>"));
+    EXPECT_TRUE(
+        contains(no_arguments.output, "Usage:\n centralized-server <options> --mode <mode>"));
     // The log exists already: it is opened before the command line is read.
     EXPECT_TRUE(contains(server.log(), "Logging into " + server.log_path()));
 
@@ -51,8 +51,8 @@ TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
 
 TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
     ServerProcess server;
-    ProgramRun run = server.run({"--mode", "stop", "--host", "127.0.0.1", "--port",
-                                 std::to_string(server.port())});
+    ProgramRun run = server.run(
+        {"--mode", "stop", "--host", "127.0.0.1", "--port", std::to_string(server.port())});
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_TRUE(contains(run.output, "[Will run as] host=127.0.0.1\n"));
     EXPECT_TRUE(contains(run.output, "[Will run as] port=" + std::to_string(server.port())));
@@ -60,7 +60,8 @@ TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
     EXPECT_TRUE(contains(log, "Received STOP command"));
     EXPECT_TRUE(contains(log, "Centralized Server @ Vistrel"));
     EXPECT_TRUE(contains(log, "centralizedserver v.2019.03.25"));
-    EXPECT_TRUE(contains(log, "Configuration:host=127.0.0.1;port=" + std::to_string(server.port())));
+    EXPECT_TRUE(
+        contains(log, "Configuration:host=127.0.0.1;port=" + std::to_string(server.port())));
     EXPECT_TRUE(contains(log, "WARNING: Closing Server..."));
     EXPECT_LT(log.find("Received STOP command"), log.find("Closing Server..."));
     // The effective configuration was written beside the default database.
@@ -70,8 +71,8 @@ TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
 
 TEST(Lifecycle, EveryStartTruncatesTheLogAndErrorLevelSilencesIt) {
     ServerProcess server;
-    std::vector<std::string> arguments = {"--mode", "stop", "--port",
-                                          std::to_string(server.port()), "--loglevel", "error"};
+    std::vector<std::string> arguments = {
+        "--mode", "stop", "--port", std::to_string(server.port()), "--loglevel", "error"};
     server.run(arguments);
     // The log opens at the normal level; the configured threshold silences everything after.
     std::string silent = server.log();
@@ -89,10 +90,11 @@ TEST(Lifecycle, UnwritableBackupFolderDoesNotStopTheStart) {
     ProgramRun run = server.run({"--mode", "stop", "--port", std::to_string(server.port()),
                                  "--database", server.sandbox().file("db/v.db")});
     EXPECT_EQ(run.exit_code, 0);
-    EXPECT_TRUE(contains(run.output, "[Error] Unable to make config file backup. Check "
-                                     "permissions at " +
-                                         server.quellwick_root() +
-                                         "/vistrel/centralizedserver/latest_config.yml\n"));
+    EXPECT_TRUE(contains(run.output,
+                         "[Error] Unable to make config file backup. Check "
+                         "permissions at " +
+                             server.quellwick_root() +
+                             "/vistrel/centralizedserver/latest_config.yml\n"));
     EXPECT_TRUE(contains(server.log(), "Closing Server..."));
 }
 
@@ -102,9 +104,9 @@ TEST(Lifecycle, DatabaseThatCannotBeCreatedShutsDownWithExitZero) {
     // is where the database falls back to.
     std::filesystem::create_directories(server.sandbox().file("db/x.db"));
     std::filesystem::create_directories(server.sandbox().file("x.db"));
-    ProgramRun run = server.run({"--mode", "debug", "--host", "127.0.0.1", "--port",
-                                 std::to_string(server.port()), "--database",
-                                 server.sandbox().file("db/x.db")});
+    ProgramRun run =
+        server.run({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                    std::to_string(server.port()), "--database", server.sandbox().file("db/x.db")});
     EXPECT_EQ(run.exit_code, 0);
     std::string log = server.log();
     size_t failed = log.find("ERROR: Failed to initialize database");
@@ -134,8 +136,8 @@ TEST(Lifecycle, DebugModeStopsOnAKeyButNotOnEndOfInput) {
 
 TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
     ServerProcess server;
-    ASSERT_TRUE(server.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
-                              std::to_string(server.port())}));
+    ASSERT_TRUE(server.start(
+        {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(server.port())}));
     ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
     std::string fifo = server.tmpdir() + "/HTTPServerES";
     struct stat info {};
@@ -146,8 +148,8 @@ TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
     ServerProcess second;
     ASSERT_TRUE(std::filesystem::remove_all(second.tmpdir()));
     std::filesystem::create_symlink(server.tmpdir(), second.tmpdir());
-    ASSERT_TRUE(second.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
-                              std::to_string(second.port())}));
+    ASSERT_TRUE(second.start(
+        {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(second.port())}));
     EXPECT_TRUE(contains(second.output(), "[Daemon] Failed to create pipe\n"));
     EXPECT_EQ(second.stop(), 0);
 
@@ -171,8 +173,8 @@ TEST(Lifecycle, DaemonReclaimsAStaleFifo) {
     ServerProcess server;
     std::string fifo = server.tmpdir() + "/HTTPServerES";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    ASSERT_TRUE(server.start({"--mode", "daemon", "--host", "127.0.0.1", "--port",
-                              std::to_string(server.port())}));
+    ASSERT_TRUE(server.start(
+        {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(server.port())}));
     ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
     EXPECT_FALSE(contains(server.output(), "Failed to create pipe"));
     int writer = open(fifo.c_str(), O_WRONLY);

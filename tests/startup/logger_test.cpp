@@ -13,7 +13,7 @@ using testing::read_file;
 using testing::TempDir;
 
 class LoggerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         log_.open(dir_.file("test.log"));
         ::testing::internal::CaptureStdout();

@@ -21,7 +21,7 @@ struct FormPart {
 
 // A blocking HTTP client (libcurl) for tests; talks to loopback only.
 class HttpClient {
-public:
+  public:
     explicit HttpClient(std::string base_url) : base_url_(std::move(base_url)) {}
 
     HttpResponse get(const std::string& path_and_query) const;
@@ -35,7 +35,7 @@ public:
 
     const std::string& base_url() const { return base_url_; }
 
-private:
+  private:
     std::string base_url_;
 };
 

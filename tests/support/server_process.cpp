@@ -193,9 +193,13 @@ void ServerProcess::close_stdin() {
     }
 }
 
-std::string ServerProcess::log() const { return read_file(log_path()); }
+std::string ServerProcess::log() const {
+    return read_file(log_path());
+}
 
-std::string ServerProcess::output() const { return read_file(sandbox_.file("output.txt")); }
+std::string ServerProcess::output() const {
+    return read_file(sandbox_.file("output.txt"));
+}
 
 bool ServerProcess::wait_for_log(const std::string& text, int timeout_seconds) const {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);

@@ -24,7 +24,7 @@ struct ProgramRun {
 // QUELLWICK_ROOT (staged with the shipped config files), standard input a pipe, output
 // captured to a file.
 class ServerProcess {
-public:
+  public:
     ServerProcess();
     // Stops the server (SIGTERM) if it still runs.
     ~ServerProcess();
@@ -66,7 +66,7 @@ public:
     // Waits (up to `timeout_seconds`) until the log contains `text`.
     bool wait_for_log(const std::string& text, int timeout_seconds = 20) const;
 
-private:
+  private:
     std::vector<std::string> environment() const;
 
     TempDir sandbox_;

@@ -6,7 +6,7 @@ namespace vistrel::testing {
 
 // A fresh folder under /tmp, removed with everything in it when the object goes.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -16,7 +16,7 @@ public:
     // path() + "/" + relative
     std::string file(const std::string& relative) const;
 
-private:
+  private:
     std::string path_;
 };
 
