@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "support/server_process.h"
 
@@ -94,6 +96,44 @@ TEST_F(HttpCoreTest, HostDocumentsAnswer) {
         EXPECT_TRUE(adapter.contains("id") && adapter.contains("mac") &&
                     adapter.contains("capturing"));
     }
+}
+
+// Sends raw bytes and returns everything the server answers until it closes.
+std::string exchange(int port, const std::vector<std::string>& pieces) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return {};
+    for (const std::string& piece : pieces) {
+        if (send(fd, piece.data(), piece.size(), MSG_NOSIGNAL) < 0) break;
+        usleep(20000);  // separate reads on the server side
+    }
+    std::string answer;
+    char buffer[4096];
+    ssize_t count;
+    while ((count = recv(fd, buffer, sizeof buffer, 0)) > 0) answer.append(buffer, count);
+    close(fd);
+    return answer;
+}
+
+TEST_F(HttpCoreTest, JsonBodyIsCollectedWholeAcrossChunks) {
+    std::string body =
+        "{\"padding\":\"" + std::string(200000, 'p') + "\",\"target\":\"cs_address\"}";
+    std::vector<std::string> pieces = {
+        "POST /search HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+        "Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n"};
+    for (size_t at = 0; at < body.size(); at += 30000) {
+        std::string chunk = body.substr(at, 30000);
+        char size[32];
+        std::snprintf(size, sizeof size, "%zx\r\n", chunk.size());
+        pieces.push_back(size + chunk + "\r\n");
+    }
+    pieces.push_back("0\r\n\r\n");
+    std::string answer = exchange(server_->port(), pieces);
+    EXPECT_NE(answer.find("HTTP/1.1 200"), std::string::npos) << answer.substr(0, 200);
+    EXPECT_NE(answer.find("[\"127.0.0.1\"]"), std::string::npos) << answer.substr(0, 300);
 }
 
 TEST_F(HttpCoreTest, GarbageOnTheSocketDoesNotTakeTheServerDown) {
