@@ -28,8 +28,29 @@ void StatsThread::start() {
     thread_ = std::thread(&StatsThread::flash, this);
 }
 
-void StatsThread::abandon() {
-    if (thread_.joinable()) thread_.detach();
+void StatsThread::abandon(std::unique_ptr<StatsThread> worker) {
+    if (!worker) return;
+    {
+        std::lock_guard lock(worker->mutex_);
+        if (!worker->finished_->load() && worker->thread_.joinable()) {
+            worker->owns_itself_ = true;
+            worker->thread_.detach();
+            (void)worker.release();  // finish() deletes it
+            return;
+        }
+    }
+    worker.reset();
+}
+
+void StatsThread::finish() {
+    bool owns_itself;
+    {
+        std::lock_guard lock(mutex_);
+        finished_->store(true);
+        owns_itself = owns_itself_;
+    }
+    // The thread is detached and nothing else refers to the worker any more.
+    if (owns_itself) delete this;
 }
 
 StatsThreadInfo StatsThread::device() const {
@@ -49,16 +70,14 @@ void StatsThread::flash() {
         LOG_ERROR("Could not start firmware flash for device [%s] with file [%s]. APIRet: %ld",
                   mac.c_str(), path.c_str(), static_cast<long>(started));
         start_failed_ = true;
-        if (on_complete_) {
-            StatsThreadInfo copy;
-            {
-                std::lock_guard lock(mutex_);
-                device_.firmware_update_success = false;
-                copy = device_;
-            }
-            on_complete_(copy);
+        StatsThreadInfo copy;
+        {
+            std::lock_guard lock(mutex_);
+            device_.firmware_update_success = false;
+            copy = device_;
         }
-        finished_->store(true);
+        if (on_complete_) on_complete_(copy);
+        finish();
         return;
     }
     TidewellAPIRet result;
@@ -81,7 +100,7 @@ void StatsThread::flash() {
         }
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
-    finished_->store(true);
+    finish();
 }
 
 }  // namespace vistrel::devices

@@ -26,7 +26,7 @@ const char* flag_text(bool value) {
     return value ? "true" : "false";
 }
 
-constexpr int kShutdownGraceSteps = 200;  // 2 s in steps of 10 ms
+constexpr int kShutdownGraceSteps = 200;  // at most 2 s in steps of 10 ms
 
 }  // namespace
 
@@ -57,6 +57,15 @@ struct TidewellFirmwareUpdater::State {
     bool stop = false;
     std::vector<Entry> entries;
 
+    // Some worker has reported its end but not yet set its finished flag.
+    bool ending() const {
+        std::lock_guard lock(mutex);
+        for (const auto& entry : entries) {
+            if (entry.worker && entry.complete && !entry.worker->finished()) return true;
+        }
+        return false;
+    }
+
     Entry* find(TidewellAPIHandle handle) {
         for (auto& entry : entries) {
             if (entry.handle == handle) return &entry;
@@ -76,36 +85,27 @@ TidewellFirmwareUpdater::~TidewellFirmwareUpdater() {
     }
     state_->wake.notify_all();
     cleanup_thread_.join();
-    // A worker that has just reported its end needs a moment to set its finished flag.
-    for (int wait = 0; wait < kShutdownGraceSteps && any_running(); ++wait) {
+    // A worker that has reported its end sets its finished flag a moment later; one still
+    // flashing is not waited for.
+    for (int wait = 0; wait < kShutdownGraceSteps && state_->ending(); ++wait) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::vector<std::unique_ptr<StatsThread>> finished;
+    std::vector<std::unique_ptr<StatsThread>> workers;
     bool leaking = false;
     {
         std::lock_guard lock(state_->mutex);
         for (auto& entry : state_->entries) {
             if (!entry.worker) continue;
-            if (entry.worker->finished()) {
-                finished.push_back(std::move(entry.worker));
-            } else {
-                leaking = true;
-            }
+            leaking = leaking || !entry.worker->finished();
+            workers.push_back(std::move(entry.worker));
         }
     }
-    finished.clear();  // joins outside the lock
     if (leaking) {
         LOG_ERROR("There are still threads that are updating device firmware. We're leaking them");
-        std::lock_guard lock(state_->mutex);
-        for (auto& entry : state_->entries) {
-            if (entry.worker) {
-                entry.worker->abandon();
-                // The thread still uses its worker, so the worker is left unowned; its
-                // callbacks find the state gone and do nothing.
-                (void)entry.worker.release();
-            }
-        }
     }
+    // Outside the lock: joining a finished worker, or handing a running one to its own thread
+    // (its callbacks then find the state gone and do nothing).
+    for (auto& worker : workers) StatsThread::abandon(std::move(worker));
 }
 
 FirmwareStartResult TidewellFirmwareUpdater::start_update(const std::string& mac,

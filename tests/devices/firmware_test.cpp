@@ -179,6 +179,25 @@ TEST_F(FirmwareUpdaterTest, CleanupThreadDropsFinishedWorkersButKeepsTheEntry) {
     EXPECT_TRUE(updater.status(kMac).update_success);
 }
 
+TEST_F(FirmwareUpdaterTest, ShutDownLeavesARunningFlashToItsOwnThread) {
+    fake_.set_flash_progress(10);
+    {
+        TidewellFirmwareUpdater updater;
+        ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
+        ASSERT_TRUE(fake_.wait_for_progress_calls(1));
+    }
+    EXPECT_EQ(log_count("There are still threads that are updating device firmware. We're "
+                        "leaking them"),
+              1u);
+    EXPECT_TRUE(devices::update_running());
+    // The worker ends on its own and frees itself (LeakSanitizer reports it otherwise).
+    fake_.finish_flash(0);
+    for (int i = 0; i < 600 && devices::update_running(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_FALSE(devices::update_running());
+}
+
 class FirmwareCatalogueTest : public DeviceTest {};
 
 TEST_F(FirmwareCatalogueTest, ReadsAttributesAndChildElements) {
