@@ -140,9 +140,8 @@ MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
     return send_text(connection, "Error : Unknown request " + url, 400);
 }
 
-MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_text,
-                          const char* method_text, const char*, const char* upload_data,
-                          size_t* upload_data_size, void** slot) {
+MHD_Result handle_request(MHD_Connection* connection, const char* url_text, const char* method_text,
+                          const char* upload_data, size_t* upload_data_size, void** slot) {
     const std::string url = url_text != nullptr ? url_text : "";
     const std::string method = method_text != nullptr ? method_text : "";
     // Every call is logged; the polled URLs and upload chunks only at debug level.
@@ -187,6 +186,24 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
     }
     if (url == "/analyzeCapture" && record->upload.close_file()) LOG_NORMAL("Closed upload file");
     return dispatch_post(connection, url, *record);
+}
+
+// No exception may cross into libmicrohttpd: whatever escapes the dispatch (a body too large
+// for memory, a handler throwing something that is not a standard exception) closes the
+// connection instead of ending the process.
+MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_text,
+                          const char* method_text, const char*, const char* upload_data,
+                          size_t* upload_data_size, void** slot) {
+    try {
+        return handle_request(connection, url_text, method_text, upload_data, upload_data_size,
+                              slot);
+    } catch (const std::exception& error) {
+        LOG_ERROR("Request for url '%s' failed: %s", url_text != nullptr ? url_text : "",
+                  error.what());
+    } catch (...) {
+        LOG_ERROR("Request for url '%s' failed", url_text != nullptr ? url_text : "");
+    }
+    return MHD_NO;
 }
 
 void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {

@@ -1,5 +1,7 @@
 #include "http/staticfiles.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 
 namespace vistrel::http {
@@ -32,7 +34,11 @@ char kFileNotFound[] =
 
 MHD_Result serve_static_file(MHD_Connection* connection, const std::string& url) {
     std::string path = url.empty() ? url : url.substr(1);
-    FILE* file = std::fopen(path.c_str(), "rb");
+    // Only regular files: a folder opens but cannot be read, and a FIFO would block the
+    // connection's thread.
+    struct stat info {};
+    bool regular = stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    FILE* file = regular ? std::fopen(path.c_str(), "rb") : nullptr;
     if (file == nullptr) {
         MHD_Response* response = MHD_create_response_from_buffer(
             sizeof kFileNotFound - 1, kFileNotFound, MHD_RESPMEM_PERSISTENT);

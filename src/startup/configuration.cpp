@@ -38,6 +38,8 @@ void Configuration::reset() {
     mode = "invalid";
     port = kDefaultPort;
     loglevel = kLogNormal;
+    // The logger follows the record, so a discarded "--loglevel" does not outlive it.
+    logger().set_level(loglevel);
     host.clear();
     interface.reset();
     database = host::server_folder() + "/vistrel-cs.db";

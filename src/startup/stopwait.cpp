@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <optional>
 #include <thread>
 
@@ -102,7 +103,9 @@ void wait_for_key_or_stop_signal() {
         if (watch_input && fds[1].revents != 0) {
             // The key stays in the buffer; only its presence matters.
             if (bytes_waiting(STDIN_FILENO)) return;
-            if (!terminal) watch_input = false;  // end of file: never a key press
+            // End of file or a hung-up terminal: never a key press, and polling it again
+            // would only spin.
+            watch_input = false;
         }
     }
 }
@@ -129,8 +132,9 @@ bool ControlPipe::create() {
                 return false;
             }
         }
-        // A stale FIFO of a killed instance, or some other file: reclaim the name.
-        if (::unlink(path_.c_str()) != 0) return false;
+        // A stale FIFO of a killed instance, or some other file (an empty folder too):
+        // reclaim the name.
+        if (std::remove(path_.c_str()) != 0) return false;
     }
     if (mkfifo(path_.c_str(), 0600) != 0) return false;
     created_ = true;

@@ -17,8 +17,8 @@ class BindingTest : public ::testing::Test {
   protected:
     void SetUp() override {
         logger().open(dir_.file("log"));
-        logger().set_level(kLogTrace);
         config_.reset();
+        logger().set_level(kLogTrace);
         config_.port = 12345;
     }
     std::string log() {

@@ -73,10 +73,14 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
     EXPECT_EQ(found.status, 200);
     EXPECT_EQ(found.body, content);
 
-    testing::HttpResponse missing = client().get("/img/none.png");
-    EXPECT_EQ(missing.status, 404);
-    EXPECT_EQ(missing.body,
-              "<html><head><title>File not found</title></head><body>File not found</body></html>");
+    // A folder opens like a file but cannot be read: it is not found either.
+    for (const char* path : {"/img/none.png", "/x/img/"}) {
+        testing::HttpResponse missing = client().get(path);
+        EXPECT_EQ(missing.status, 404) << path;
+        EXPECT_EQ(
+            missing.body,
+            "<html><head><title>File not found</title></head><body>File not found</body></html>");
+    }
 }
 
 TEST_F(HttpCoreTest, HostDocumentsAnswer) {

@@ -169,19 +169,25 @@ TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
     EXPECT_FALSE(std::filesystem::exists(fifo));
 }
 
-TEST(Lifecycle, DaemonReclaimsAStaleFifo) {
-    ServerProcess server;
-    std::string fifo = server.tmpdir() + "/HTTPServerES";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    ASSERT_TRUE(server.start(
-        {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(server.port())}));
-    ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
-    EXPECT_FALSE(contains(server.output(), "Failed to create pipe"));
-    int writer = open(fifo.c_str(), O_WRONLY);
-    ASSERT_GE(writer, 0);
-    ASSERT_EQ(write(writer, "x", 1), 1);
-    close(writer);
-    EXPECT_EQ(server.wait_for_exit(), 0);
+TEST(Lifecycle, DaemonReclaimsAStaleFifoOrAnyOtherFileOfItsName) {
+    for (bool stale_fifo : {true, false}) {
+        ServerProcess server;
+        std::string fifo = server.tmpdir() + "/HTTPServerES";
+        if (stale_fifo) {
+            ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        } else {
+            ASSERT_TRUE(std::filesystem::create_directory(fifo));
+        }
+        ASSERT_TRUE(server.start(
+            {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(server.port())}));
+        ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
+        EXPECT_FALSE(contains(server.output(), "Failed to create pipe")) << stale_fifo;
+        int writer = open(fifo.c_str(), O_WRONLY);
+        ASSERT_GE(writer, 0);
+        ASSERT_EQ(write(writer, "x", 1), 1);
+        close(writer);
+        EXPECT_EQ(server.wait_for_exit(), 0);
+    }
 }
 
 TEST(Lifecycle, TerminationSignalsShutDownCleanly) {

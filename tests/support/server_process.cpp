@@ -101,6 +101,14 @@ void ServerProcess::launch(std::vector<std::string> arguments) {
     std::vector<std::string> env = environment();
     std::string output = sandbox_.file("output.txt");
     arguments.insert(arguments.begin(), CENTRALIZEDSERVER_PATH);
+    // Built before the fork: the child of a threaded test may not allocate.
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (auto& entry : env) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    const std::string folder = sandbox_.path();
     pid_ = fork();
     if (pid_ == 0) {
         dup2(input[0], STDIN_FILENO);
@@ -108,13 +116,7 @@ void ServerProcess::launch(std::vector<std::string> arguments) {
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
         // The server runs in the sandbox, so relative paths ("/img/...") resolve there.
-        if (chdir(sandbox_.path().c_str()) != 0) _exit(127);
-        std::vector<char*> argv;
-        for (auto& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (auto& entry : env) envp.push_back(entry.data());
-        envp.push_back(nullptr);
+        if (chdir(folder.c_str()) != 0) _exit(127);
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }
