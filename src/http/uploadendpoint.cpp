@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <exception>
 
+#include "capture/capturefile.h"
 #include "host/disk.h"
 #include "session/replies.h"
 #include "session/startrequest.h"
@@ -18,11 +19,6 @@ namespace {
 
 constexpr const char* kUploadDone = "Upload completed successfully";
 constexpr size_t kMaxPathLength = 1023;
-
-bool ends_with(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 // The client's file name without any folder part, so an upload can't leave the upload folder.
 std::string base_name(const std::string& name) {
@@ -45,7 +41,7 @@ MHD_Result open_upload_file(UploadState& upload, const char* filename) {
                       session::message_document("Couldn't find filename, unable to start Analysis",
                                                 "AnalyzeCapture"));
     }
-    if (!is_capture_file_name(name)) {
+    if (!capture::is_capture_file_name(name)) {
         LOG_WARNING("File format is not a capture file, impossible to analyze");
         return refuse(
             upload, 400,
@@ -99,10 +95,6 @@ bool UploadState::discard_file() {
     if (same && unlink(path.c_str()) == 0)
         LOG_WARNING("Removed incomplete upload '%s'", path.c_str());
     return true;
-}
-
-bool is_capture_file_name(const std::string& name) {
-    return ends_with(name, ".pcap") || ends_with(name, ".pcapng") || ends_with(name, ".cap");
 }
 
 MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, const char* filename,

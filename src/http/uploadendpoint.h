@@ -36,9 +36,6 @@ struct UploadState {
     std::optional<std::string> answer;
 };
 
-// Capture files are recognised by these suffixes, compared case-sensitively.
-bool is_capture_file_name(const std::string& name);
-
 // MHD_PostDataIterator; `closure` is the request's UploadState.
 MHD_Result upload_iterator(void* closure, enum MHD_ValueKind kind, const char* key,
                            const char* filename, const char* content_type,

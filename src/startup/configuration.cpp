@@ -15,8 +15,11 @@ namespace vistrel {
 
 Configuration& configuration() {
     static Configuration instance = [] {
+        // Building the record must not change the logger: whoever opened the log chose its level.
+        const uint32_t level = logger().level();
         Configuration fresh;
         fresh.reset();
+        logger().set_level(level);
         return fresh;
     }();
     return instance;

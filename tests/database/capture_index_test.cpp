@@ -1,3 +1,4 @@
+#include <tuple>
 #include <vector>
 
 #include "database/captureindex.h"
@@ -10,6 +11,7 @@
 namespace vistrel::database {
 namespace {
 
+using testing::capture_record;
 using testing::DatabaseFixture;
 
 CaptureQuery make_query(uint64_t start, uint64_t end, std::string es_index = "",
@@ -29,32 +31,9 @@ TEST(CaptureWhereTextTest, RangeIndexAndSourcesAreJoinedAndOrdered) {
     EXPECT_EQ(capture_where_text(make_query(100, 0, "idx", {"a", "b"})),
               "end_ts >= 100 AND es_index = 'idx' AND source IN ('a','b') ORDER BY start_ts ASC");
     EXPECT_EQ(capture_where_text(make_query(0, 200)), "start_ts < 200 ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where_text(make_query(0, 0, "", {"a"})),
-              "source IN ('a') ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where_text(make_query(0, 0, "idx")),
-              "es_index = 'idx' ORDER BY start_ts ASC");
-}
-
-TEST(CaptureWhereTextTest, NoRestrictionGivesNoWhereAndNoOrder) {
+    EXPECT_EQ(capture_where_text(make_query(0, 0, "", {"a", "", "b"})),
+              "source IN ('a',,'b') ORDER BY start_ts ASC");
     EXPECT_EQ(capture_where_text(make_query(0, 0)), "");
-}
-
-TEST(CaptureWhereTextTest, EmptySourceLeavesItsCommaStanding) {
-    EXPECT_EQ(source_list({"a", "", "b"}), "('a',,'b')");
-    EXPECT_EQ(source_list({}), "()");
-}
-
-TEST(CaptureValuesTest, TextsQuotedNumbersPlainNothingEscaped) {
-    CaptureFileRecord record;
-    record.file_path = "/c/it's.pcapng";
-    record.source = "dev1";
-    record.es_index = "vistrel-1";
-    record.start_ts = 1573430400123456789ull;
-    record.end_ts = 18446744073709551615ull;
-    record.n_packets = 0;
-    EXPECT_EQ(capture_values(record),
-              "'/c/it's.pcapng', 'dev1', 'vistrel-1', 1573430400123456789, "
-              "18446744073709551615, 0");
 }
 
 class CaptureIndexTest : public DatabaseFixture {
@@ -62,19 +41,6 @@ class CaptureIndexTest : public DatabaseFixture {
     void SetUp() override {
         DatabaseFixture::SetUp();
         ASSERT_EQ(VistrelDatabase().create_schema(), kSuccess);
-    }
-
-    static CaptureFileRecord file(const std::string& path, uint64_t start, uint64_t end,
-                                  const std::string& source = "dev1",
-                                  const std::string& es_index = "idx") {
-        CaptureFileRecord record;
-        record.file_path = path;
-        record.source = source;
-        record.es_index = es_index;
-        record.start_ts = start;
-        record.end_ts = end;
-        record.n_packets = 7;
-        return record;
     }
 
     static std::vector<std::string> paths(const std::list<CaptureFileRecord>& records) {
@@ -85,35 +51,34 @@ class CaptureIndexTest : public DatabaseFixture {
 };
 
 TEST_F(CaptureIndexTest, InvalidRecordsAreRefusedWithoutTouchingTheDatabase) {
-    EXPECT_EQ(add_capture_file(file("/c/a", 100, 0)), kInvalidRecord);
-    EXPECT_EQ(add_capture_file(file("/c/a", 0, 100)), kInvalidRecord);
-    EXPECT_EQ(add_capture_file(file("", 1, 2)), kInvalidRecord);
-    EXPECT_EQ(add_capture_file(file("/c/a", 1, 2, "")), kInvalidRecord);
-    EXPECT_EQ(add_capture_file(file("/c/a", 1, 2, "dev1", "")), kInvalidRecord);
+    for (const CaptureFileRecord& record :
+         {capture_record("/c/a", 100, 0), capture_record("/c/a", 0, 100), capture_record("", 1, 2),
+          capture_record("/c/a", 1, 2, ""), capture_record("/c/a", 1, 2, "dev1", "")}) {
+        EXPECT_EQ(add_capture_file(record), kInvalidRecord) << record.file_path;
+    }
     EXPECT_EQ(rows(kCaptureTable), 0);
 }
 
 TEST_F(CaptureIndexTest, RecordsComeBackWhole) {
-    CaptureFileRecord stored = file("/c/a.pcapng", 1573430400123456789ull, 1573430400999999999ull);
+    CaptureFileRecord stored =
+        capture_record("/c/a.pcapng", 1573430400123456789ull, 1573430400999999999ull);
     stored.n_packets = 0;
     ASSERT_EQ(add_capture_file(stored), kSuccess);
     std::list<CaptureFileRecord> found = select_capture_files({});
     ASSERT_EQ(found.size(), 1u);
     const CaptureFileRecord& record = found.front();
-    EXPECT_EQ(record.file_path, "/c/a.pcapng");
-    EXPECT_EQ(record.source, "dev1");
-    EXPECT_EQ(record.es_index, "idx");
-    EXPECT_EQ(record.start_ts, 1573430400123456789ull);
-    EXPECT_EQ(record.end_ts, 1573430400999999999ull);
-    EXPECT_EQ(record.n_packets, 0u);
+    EXPECT_EQ(std::tie(record.file_path, record.source, record.es_index, record.start_ts,
+                       record.end_ts, record.n_packets),
+              std::tie(stored.file_path, stored.source, stored.es_index, stored.start_ts,
+                       stored.end_ts, stored.n_packets));
 }
 
 TEST_F(CaptureIndexTest, RangeSelectionKeepsItsTwoSidedBetweenTest) {
-    ASSERT_EQ(add_capture_file(file("/c/late", 180, 260)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/covering", 50, 300)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/early", 40, 100)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/inside", 120, 150)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/after", 201, 400)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/late", 180, 260)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/covering", 50, 300)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/early", 40, 100)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/inside", 120, 150)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/after", 201, 400)), kSuccess);
 
     // The covering file has neither end inside [100, 200] and is not selected.
     EXPECT_EQ(paths(select_capture_files(make_query(100, 200))),
@@ -125,34 +90,23 @@ TEST_F(CaptureIndexTest, RangeSelectionKeepsItsTwoSidedBetweenTest) {
 }
 
 TEST_F(CaptureIndexTest, IndexAndSourcesRestrictTheSelection) {
-    ASSERT_EQ(add_capture_file(file("/c/1", 10, 20, "a", "idx")), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/2", 10, 20, "b", "idx")), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/3", 10, 20, "c", "idx")), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/4", 10, 20, "a", "other")), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/1", 10, 20, "a", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/2", 10, 20, "b", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/3", 10, 20, "c", "idx")), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/4", 10, 20, "a", "other")), kSuccess);
     EXPECT_EQ(paths(select_capture_files(make_query(0, 0, "idx", {"a", "c"}))),
               (std::vector<std::string>{"/c/1", "/c/3"}));
     EXPECT_EQ(select_capture_files(make_query(0, 0, "other")).size(), 1u);
     EXPECT_EQ(select_capture_files(make_query(0, 0, "none")).size(), 0u);
-}
-
-TEST_F(CaptureIndexTest, EmptySourceInTheListMakesTheSelectFailEmpty) {
-    ASSERT_EQ(add_capture_file(file("/c/1", 10, 20, "a")), kSuccess);
+    // An empty source in the list makes the select fail: nothing is found.
     EXPECT_TRUE(select_capture_files(make_query(0, 0, "", {"a", "", "b"})).empty());
-    std::string log = log_text();
-    EXPECT_EQ(occurrences(log, "source IN ('a',,'b')"), 10u);
-    EXPECT_EQ(occurrences(log, "Unable to select values from table TidewellCapture"), 1u);
-}
-
-TEST_F(CaptureIndexTest, QuoteInAPathBreaksTheInsert) {
-    EXPECT_EQ(add_capture_file(file("/c/it's.pcapng", 1, 2)), kInsertFailed);
-    EXPECT_EQ(occurrences(log_text(), "Unable to insert values into table TidewellCapture"), 1u);
-    EXPECT_EQ(rows(kCaptureTable), 0);
+    EXPECT_EQ(occurrences(log_text(), "Unable to select values from table TidewellCapture"), 1u);
 }
 
 TEST_F(CaptureIndexTest, RemoveDeletesEveryRowOfThatPathOnly) {
-    ASSERT_EQ(add_capture_file(file("/c/a", 1, 2)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/a", 3, 4)), kSuccess);
-    ASSERT_EQ(add_capture_file(file("/c/b", 1, 2)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/a", 1, 2)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/a", 3, 4)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record("/c/b", 1, 2)), kSuccess);
     EXPECT_EQ(remove_capture_file("/c/a"), kSuccess);
     EXPECT_EQ(paths(select_capture_files({})), (std::vector<std::string>{"/c/b"}));
     EXPECT_EQ(remove_capture_file(""), kDeleteFailed);

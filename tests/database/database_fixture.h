@@ -1,15 +1,29 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <string>
 
+#include "database/captureindex.h"
+#include "database/sqlite_query.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 #include "support/temp_dir.h"
 
 namespace vistrel::testing {
+
+inline database::CaptureFileRecord capture_record(const std::string& path, uint64_t start,
+                                                  uint64_t end, const std::string& source = "dev1",
+                                                  const std::string& es_index = "idx") {
+    database::CaptureFileRecord record;
+    record.file_path = path;
+    record.source = source;
+    record.es_index = es_index;
+    record.start_ts = start;
+    record.end_ts = end;
+    record.n_packets = 7;
+    return record;
+}
 
 // A fresh database file named in the configuration and a log file read back by the tests.
 class DatabaseFixture : public ::testing::Test {
@@ -33,26 +47,7 @@ class DatabaseFixture : public ::testing::Test {
         return count;
     }
 
-    // Runs one statement on a connection of the test's own; the first column of the last row.
-    std::string query(const std::string& sql) const {
-        sqlite3* handle = nullptr;
-        sqlite3_open(database_path.c_str(), &handle);
-        std::string value;
-        char* error = nullptr;
-        int result = sqlite3_exec(
-            handle, sql.c_str(),
-            [](void* context, int, char** values, char**) {
-                *static_cast<std::string*>(context) = values[0] != nullptr ? values[0] : "NULL";
-                return 0;
-            },
-            &value, &error);
-        std::string message = error != nullptr ? error : "";
-        sqlite3_free(error);
-        sqlite3_close(handle);
-        EXPECT_EQ(result, SQLITE_OK) << sql << ": " << message;
-        return value;
-    }
-
+    std::string query(const std::string& sql) const { return sqlite_value(database_path, sql); }
     long rows(const std::string& table) const {
         return std::stol(query("SELECT count(*) FROM '" + table + "';"));
     }

@@ -1,5 +1,4 @@
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <thread>
@@ -22,9 +21,7 @@ TEST(StatementTextTest, BuildersQuoteTheTableAndInsertTheRestVerbatim) {
               "INSERT OR REPLACE INTO 'T' (a, b) VALUES ('x', 1);");
     EXPECT_EQ(select_statement("T", "a, b", "a = 'x'"), "SELECT a, b FROM 'T' WHERE a = 'x';");
     EXPECT_EQ(delete_statement("T", "a = 'x'"), "DELETE FROM 'T' WHERE a = 'x';");
-}
-
-TEST(StatementTextTest, EmptyWhereTextEmitsNoWhere) {
+    // An empty where text emits no WHERE.
     EXPECT_EQ(select_statement("T", "count(*)", ""), "SELECT count(*) FROM 'T';");
     EXPECT_EQ(delete_statement("T", ""), "DELETE FROM 'T';");
 }
@@ -34,11 +31,8 @@ class VistrelDatabaseTest : public DatabaseFixture {};
 TEST_F(VistrelDatabaseTest, EmptyArgumentsAreRefusedWithoutRunningSql) {
     VistrelDatabase database;
     EXPECT_EQ(database.create_table("", "a TEXT"), kCreateTableRefused);
-    EXPECT_EQ(database.create_table("T", ""), kCreateTableRefused);
     EXPECT_EQ(database.select("", "a", "", nullptr, nullptr), kSelectFailed);
-    EXPECT_EQ(database.select("T", "", "", nullptr, nullptr), kSelectFailed);
     EXPECT_EQ(database.insert("", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.insert("T", "", "1"), kInsertFailed);
     EXPECT_EQ(database.insert_or_replace("", "a", "1"), kInsertFailed);
     EXPECT_EQ(database.remove("", ""), kDeleteFailed);
     EXPECT_EQ(database.flush_by_file_path(""), kDeleteFailed);
@@ -97,19 +91,17 @@ TEST_F(VistrelDatabaseTest, RejectedStatementIsTriedTenTimesThenReported) {
     VistrelDatabase database;
     EXPECT_EQ(database.insert("Missing", "a", "1"), kInsertFailed);
     EXPECT_EQ(database.insert_or_replace("Missing", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.select("Missing", "a", "", nullptr, nullptr), kSelectFailed);
     EXPECT_EQ(database.remove("Missing", "a = 1"), kDeleteFailed);
     std::string log = log_text();
     EXPECT_EQ(occurrences(log, "SQL command: INSERT INTO 'Missing' (a) VALUES (1);"), 10u);
     EXPECT_EQ(occurrences(log, "SQL command: INSERT OR REPLACE INTO 'Missing' (a) VALUES (1);"),
               10u);
-    EXPECT_EQ(occurrences(log, "SQL command: SELECT a FROM 'Missing';"), 10u);
     EXPECT_EQ(occurrences(log, "SQL command: DELETE FROM 'Missing' WHERE a = 1;"), 10u);
-    EXPECT_EQ(occurrences(log, "SQL error: no such table: Missing"), 40u);
+    EXPECT_EQ(occurrences(log, "SQL error: no such table: Missing"), 30u);
     EXPECT_EQ(occurrences(log, "Unable to insert values into table Missing"), 1u);
     EXPECT_EQ(occurrences(log, "Unable to insert or replace values into table Missing"), 1u);
     // The delete reports with the select message.
-    EXPECT_EQ(occurrences(log, "Unable to select values from table Missing"), 2u);
+    EXPECT_EQ(occurrences(log, "Unable to select values from table Missing"), 1u);
 }
 
 TEST_F(VistrelDatabaseTest, CreateTableIsNotRetried) {
@@ -186,59 +178,26 @@ TEST_F(VistrelDatabaseTest, FlushAllEmptiesEveryTableButAnalyzedTrace) {
     EXPECT_EQ(occurrences(log_text(), "Flushed database"), 1u);
 }
 
-TEST_F(VistrelDatabaseTest, FlushAllStopsAtTheFirstFailingTable) {
-    VistrelDatabase database;
-    ASSERT_EQ(database.create_schema(), kSuccess);
-    ASSERT_EQ(database.insert(kInterfaceTable, "mac, name", "'m', 'n'"), kSuccess);
-    ASSERT_EQ(database.execute("DROP TABLE 'User';"), kSuccess);
-    EXPECT_EQ(database.flush_all(), kDeleteFailed);
-    std::string log = log_text();
-    EXPECT_EQ(occurrences(log, "Error flushing database"), 1u);
-    EXPECT_EQ(occurrences(log, "Flushed database"), 0u);
-    EXPECT_EQ(rows(kInterfaceTable), 1);
-}
-
-TEST_F(VistrelDatabaseTest, FlushByFilePathDeletesOnlyThatFile) {
-    VistrelDatabase database;
-    ASSERT_EQ(database.create_schema(), kSuccess);
-    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'/c/a.pcapng'"), kSuccess);
-    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'/c/b.pcapng'"), kSuccess);
-    EXPECT_EQ(database.flush_by_file_path("/c/a.pcapng"), kSuccess);
-    EXPECT_EQ(query("SELECT group_concat(file_path) FROM TidewellCapture;"), "/c/b.pcapng");
-}
-
-TEST_F(VistrelDatabaseTest, UnopenablePathFallsBackToItsFileNameInTheWorkingDirectory) {
+// An unopenable path falls back to its file name in the working directory.
+TEST_F(VistrelDatabaseTest, UnopenablePathFallsBackToTheWorkingDirectory) {
     { VistrelDatabase(dir.file("fallback.db")).create_schema(); }
-    char previous[4096];
-    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    // A folder of that name cannot be opened as a database either.
+    std::filesystem::create_directory(dir.file("folder.db"));
+    std::filesystem::path previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
     {
         VistrelDatabase database("/no/such/folder/fallback.db");
         EXPECT_TRUE(database.is_open());
         EXPECT_EQ(database.count_capture_rows(), 0u);
+        VistrelDatabase broken("/no/such/folder/folder.db");
+        EXPECT_FALSE(broken.is_open());
+        EXPECT_EQ(broken.create_schema(), kSchemaFailed);
+        EXPECT_EQ(broken.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
     }
-    ASSERT_EQ(chdir(previous), 0);
+    std::filesystem::current_path(previous);
     std::string log = log_text();
     EXPECT_EQ(occurrences(log, "Failed to open DB: [/no/such/folder/fallback.db]"), 1u);
     EXPECT_EQ(occurrences(log, "Successfully opened DB: [fallback.db]"), 1u);
-    EXPECT_EQ(occurrences(log, "SQL error"), 0u);
-}
-
-TEST_F(VistrelDatabaseTest, WithoutAnyFileEveryOperationFails) {
-    // A folder of that name in the working directory cannot be opened as a database either.
-    std::filesystem::create_directory(dir.file("folder.db"));
-    char previous[4096];
-    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    {
-        VistrelDatabase database("/no/such/folder/folder.db");
-        EXPECT_FALSE(database.is_open());
-        EXPECT_EQ(database.create_schema(), kSchemaFailed);
-        EXPECT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
-    }
-    ASSERT_EQ(chdir(previous), 0);
-    std::string log = log_text();
-    EXPECT_EQ(occurrences(log, "Failed to open DB: [/no/such/folder/folder.db]"), 1u);
     EXPECT_EQ(occurrences(log, "Failed to open DB: [folder.db]"), 1u);
     // Reported as opened all the same: the log has always read so after the fallback.
     EXPECT_EQ(occurrences(log, "Successfully opened DB: [folder.db]"), 1u);

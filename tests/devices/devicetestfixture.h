@@ -23,9 +23,10 @@ class DeviceTest : public ::testing::Test {
         devices::set_new_device_subscriber(nullptr);
         devices::set_device_gone_subscriber(nullptr);
         devices::set_running_update(nullptr);
+        // The first use of the configuration resets the log level, so it comes first.
+        configuration().capture_path = temp_.file("captures");
         logger().open(temp_.file("test.log"));
         logger().set_level(kLogTrace);
-        configuration().capture_path = temp_.file("captures");
     }
 
     void TearDown() override {

@@ -98,178 +98,76 @@ FakeDeviceLibrary::Device* FakeDeviceLibrary::find(TidewellAPIHandle handle) {
     return found == devices_.end() ? nullptr : &found->second;
 }
 
-// Each method: record the call, answer the chosen result; on success fill the outputs from the
-// device's data (an unknown handle is an invalid handle).
-#define FAKE_CALL(name)                               \
-    std::lock_guard lock(mutex_);                     \
-    const TidewellAPIRet result = record(name);       \
-    if (result != TIDEWELLAPI_SUCCESS) return result; \
-    Device* known = find(handle);                     \
-    if (known == nullptr) return TIDEWELLAPI_ERROR_INVALID_HANDLE
+// Registration and start-up calls: recorded, answered with the chosen result.
+#define FAKE_CALL(method, parameters)                     \
+    TidewellAPIRet FakeDeviceLibrary::method parameters { \
+        std::lock_guard lock(mutex_);                     \
+        return record(#method);                           \
+    }
 
-TidewellAPIRet FakeDeviceLibrary::add_new_device_callback(TidewellAPIDeviceCallback, void*) {
-    std::lock_guard lock(mutex_);
-    return record("add_new_device_callback");
-}
-TidewellAPIRet FakeDeviceLibrary::remove_new_device_callback(TidewellAPIDeviceCallback, void*) {
-    std::lock_guard lock(mutex_);
-    return record("remove_new_device_callback");
-}
-TidewellAPIRet FakeDeviceLibrary::add_device_gone_callback(TidewellAPIDeviceCallback, void*) {
-    std::lock_guard lock(mutex_);
-    return record("add_device_gone_callback");
-}
-TidewellAPIRet FakeDeviceLibrary::remove_device_gone_callback(TidewellAPIDeviceCallback, void*) {
-    std::lock_guard lock(mutex_);
-    return record("remove_device_gone_callback");
-}
-TidewellAPIRet FakeDeviceLibrary::initialize() {
-    std::lock_guard lock(mutex_);
-    return record("initialize");
-}
-TidewellAPIRet FakeDeviceLibrary::uninitialize() {
-    std::lock_guard lock(mutex_);
-    return record("uninitialize");
-}
+FAKE_CALL(add_new_device_callback, (TidewellAPIDeviceCallback, void*))
+FAKE_CALL(remove_new_device_callback, (TidewellAPIDeviceCallback, void*))
+FAKE_CALL(add_device_gone_callback, (TidewellAPIDeviceCallback, void*))
+FAKE_CALL(remove_device_gone_callback, (TidewellAPIDeviceCallback, void*))
+FAKE_CALL(initialize, ())
+FAKE_CALL(uninitialize, ())
 
-TidewellAPIRet FakeDeviceLibrary::get_device_type(TidewellAPIHandle handle,
-                                                  TidewellAPIDeviceType* type) {
-    FAKE_CALL("get_device_type");
-    *type = known->type;
-    return TIDEWELLAPI_SUCCESS;
-}
+// Device calls: recorded, answered with the chosen result; on success the body runs on the
+// device's data (`known`). An unknown handle is an invalid handle.
+#define FAKE_DEVICE_CALL(method, parameters, ...)                      \
+    TidewellAPIRet FakeDeviceLibrary::method parameters {              \
+        std::lock_guard lock(mutex_);                                  \
+        const TidewellAPIRet result = record(#method);                 \
+        if (result != TIDEWELLAPI_SUCCESS) return result;              \
+        Device* known = find(handle);                                  \
+        if (known == nullptr) return TIDEWELLAPI_ERROR_INVALID_HANDLE; \
+        __VA_ARGS__;                                                   \
+        return TIDEWELLAPI_SUCCESS;                                    \
+    }
+
+FAKE_DEVICE_CALL(get_device_type, (TidewellAPIHandle handle, TidewellAPIDeviceType* out),
+                 *out = known->type)
+FAKE_DEVICE_CALL(get_device_mac, (TidewellAPIHandle handle, uint8_t* out),
+                 std::copy(known->mac.begin(), known->mac.end(), out))
+FAKE_DEVICE_CALL(get_versions, (TidewellAPIHandle handle, TidewellAPIVersions* out),
+                 *out = known->versions)
+FAKE_DEVICE_CALL(get_device_features, (TidewellAPIHandle handle, TidewellAPIFeatures* out),
+                 *out = known->features)
+FAKE_DEVICE_CALL(set_device_features, (TidewellAPIHandle handle, const TidewellAPIFeatures* in),
+                 known->features = *in)
+FAKE_DEVICE_CALL(save_device_features, (TidewellAPIHandle handle), )
+FAKE_DEVICE_CALL(get_device_ports_speed, (TidewellAPIHandle handle, TidewellAPIPortsSpeed* out),
+                 *out = known->speeds)
+FAKE_DEVICE_CALL(set_device_ports_speed,
+                 (TidewellAPIHandle handle, const TidewellAPIPortsSpeed* in), known->speeds = *in)
+FAKE_DEVICE_CALL(disk_dump_get_status, (TidewellAPIHandle handle, TidewellAPIDiskDumpStatus* out),
+                 *out = known->status)
+FAKE_DEVICE_CALL(disk_dump_set_config,
+                 (TidewellAPIHandle handle, const TidewellAPIDiskDumpConfig* in),
+                 last_config_ = *in;
+                 last_folder_ = in->CaptureFolder != nullptr ? in->CaptureFolder : u"";
+                 last_config_.CaptureFolder = nullptr)
+FAKE_DEVICE_CALL(disk_dump_start, (TidewellAPIHandle handle), known->status.CaptureRunning = 1)
+FAKE_DEVICE_CALL(disk_dump_stop, (TidewellAPIHandle handle), known->status.CaptureRunning = 0)
+FAKE_DEVICE_CALL(get_device_extra_info, (TidewellAPIHandle handle, TidewellAPIDeviceExtraInfo* out),
+                 out->Temperature = 40)
+FAKE_DEVICE_CALL(get_hw_firmwares_desc, (TidewellAPIHandle handle, TidewellAPIHwFirmwaresDesc* out),
+                 out->Count = 1)
+FAKE_DEVICE_CALL(get_link_status, (TidewellAPIHandle handle, TidewellAPILinkStatus* out),
+                 out->PortCount = 2)
+FAKE_DEVICE_CALL(get_statistics, (TidewellAPIHandle handle, TidewellAPIStatistics* out),
+                 out->PortCount = 2)
+FAKE_DEVICE_CALL(get_timing_status, (TidewellAPIHandle handle, TidewellAPITimingStatus* out),
+                 out->Synchronized = TidewellAPIState_On)
+FAKE_DEVICE_CALL(restart_device, (TidewellAPIHandle handle), )
+FAKE_DEVICE_CALL(set_timing_time, (TidewellAPIHandle handle, const TidewellAPITimingTime* in),
+                 last_timing_ = *in)
+FAKE_DEVICE_CALL(firmware_update_start, (TidewellAPIHandle handle, const TidewellAPIWChar*), )
 
 uint32_t FakeDeviceLibrary::get_device_capabilities(TidewellAPIDeviceType) {
     std::lock_guard lock(mutex_);
     calls_.emplace_back("get_device_capabilities");
     return capabilities_;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_device_mac(TidewellAPIHandle handle, uint8_t* mac) {
-    FAKE_CALL("get_device_mac");
-    std::copy(known->mac.begin(), known->mac.end(), mac);
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_versions(TidewellAPIHandle handle,
-                                               TidewellAPIVersions* versions) {
-    FAKE_CALL("get_versions");
-    *versions = known->versions;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_device_features(TidewellAPIHandle handle,
-                                                      TidewellAPIFeatures* features) {
-    FAKE_CALL("get_device_features");
-    *features = known->features;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::set_device_features(TidewellAPIHandle handle,
-                                                      const TidewellAPIFeatures* features) {
-    FAKE_CALL("set_device_features");
-    known->features = *features;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::save_device_features(TidewellAPIHandle handle) {
-    FAKE_CALL("save_device_features");
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_device_ports_speed(TidewellAPIHandle handle,
-                                                         TidewellAPIPortsSpeed* speeds) {
-    FAKE_CALL("get_device_ports_speed");
-    *speeds = known->speeds;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::set_device_ports_speed(TidewellAPIHandle handle,
-                                                         const TidewellAPIPortsSpeed* speeds) {
-    FAKE_CALL("set_device_ports_speed");
-    known->speeds = *speeds;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::disk_dump_get_status(TidewellAPIHandle handle,
-                                                       TidewellAPIDiskDumpStatus* status) {
-    FAKE_CALL("disk_dump_get_status");
-    *status = known->status;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::disk_dump_set_config(TidewellAPIHandle handle,
-                                                       const TidewellAPIDiskDumpConfig* config) {
-    FAKE_CALL("disk_dump_set_config");
-    last_config_ = *config;
-    last_folder_ = config->CaptureFolder != nullptr ? config->CaptureFolder : u"";
-    last_config_.CaptureFolder = nullptr;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::disk_dump_start(TidewellAPIHandle handle) {
-    FAKE_CALL("disk_dump_start");
-    known->status.CaptureRunning = 1;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::disk_dump_stop(TidewellAPIHandle handle) {
-    FAKE_CALL("disk_dump_stop");
-    known->status.CaptureRunning = 0;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_device_extra_info(TidewellAPIHandle handle,
-                                                        TidewellAPIDeviceExtraInfo* info) {
-    FAKE_CALL("get_device_extra_info");
-    info->Temperature = 40;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_hw_firmwares_desc(TidewellAPIHandle handle,
-                                                        TidewellAPIHwFirmwaresDesc* desc) {
-    FAKE_CALL("get_hw_firmwares_desc");
-    desc->Count = 1;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_link_status(TidewellAPIHandle handle,
-                                                  TidewellAPILinkStatus* status) {
-    FAKE_CALL("get_link_status");
-    status->PortCount = 2;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_statistics(TidewellAPIHandle handle,
-                                                 TidewellAPIStatistics* stats) {
-    FAKE_CALL("get_statistics");
-    stats->PortCount = 2;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::get_timing_status(TidewellAPIHandle handle,
-                                                    TidewellAPITimingStatus* status) {
-    FAKE_CALL("get_timing_status");
-    status->Synchronized = TidewellAPIState_On;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::restart_device(TidewellAPIHandle handle) {
-    FAKE_CALL("restart_device");
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::set_timing_time(TidewellAPIHandle handle,
-                                                  const TidewellAPITimingTime* time) {
-    FAKE_CALL("set_timing_time");
-    last_timing_ = *time;
-    return TIDEWELLAPI_SUCCESS;
-}
-
-TidewellAPIRet FakeDeviceLibrary::firmware_update_start(TidewellAPIHandle handle,
-                                                        const TidewellAPIWChar*) {
-    FAKE_CALL("firmware_update_start");
-    return TIDEWELLAPI_SUCCESS;
 }
 
 TidewellAPIRet FakeDeviceLibrary::firmware_update_get_progress(TidewellAPIHandle handle,

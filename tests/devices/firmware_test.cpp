@@ -16,6 +16,16 @@ using devices::TidewellFirmwareUpdater;
 
 constexpr char kMac[] = "00:1b:c5:00:00:01";
 
+// Waits up to half a minute for `condition`.
+template <typename Condition>
+bool eventually(Condition condition) {
+    for (int i = 0; i < 600; ++i) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
 class FirmwareUpdaterTest : public DeviceTest {
   protected:
     void SetUp() override {
@@ -25,90 +35,89 @@ class FirmwareUpdaterTest : public DeviceTest {
         write_file(firmware_, "firmware");
     }
 
-    // Waits (generously) until the status of `kMac` says the update is over.
-    FirmwareUpdateStatus wait_until_complete(TidewellFirmwareUpdater& updater) {
-        for (int i = 0; i < 600; ++i) {
-            FirmwareUpdateStatus status = updater.status(kMac);
-            if (!status.update_in_progress) return status;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        ADD_FAILURE() << "the update never completed";
-        return {};
+    // The status of `kMac` once the update is over.
+    FirmwareUpdateStatus final_status() {
+        EXPECT_TRUE(eventually([&] { return !updater_.status(kMac).update_in_progress; }));
+        return updater_.status(kMac);
     }
 
     std::string firmware_;
+    TidewellFirmwareUpdater updater_;
 };
 
-TEST_F(FirmwareUpdaterTest, StatusBeforeAnyUpdate) {
-    TidewellFirmwareUpdater updater;
-    const FirmwareUpdateStatus status = updater.status(kMac);
-    EXPECT_EQ(status.message,
-              "Could not get firmware update status for device with mac [00:1b:c5:00:00:01]: No "
-              "firmware update has been started");
-    EXPECT_EQ(status.document(),
+TEST_F(FirmwareUpdaterTest, RefusedStarts) {
+    EXPECT_EQ(updater_.status(kMac).document(),
               "{\"firmware_update\":\"Could not get firmware update status for device with mac "
               "[00:1b:c5:00:00:01]: No firmware update has been started\","
               "\"update_in_progress\":false,\"update_progress\":0,\"update_success\":false,"
               "\"start_success\":false}");
-}
-
-TEST_F(FirmwareUpdaterTest, PathLengthLimit) {
-    fake_.finish_flash(0);
-    TidewellFirmwareUpdater updater;
+    EXPECT_THROW(updater_.start_update("00:1b:c5:00:00:77", firmware_),
+                 devices::TidewellMissingException);
     const std::string too_long(2049, 'a');
-    const auto refused = updater.start_update(kMac, too_long);
+    const auto refused = updater_.start_update(kMac, too_long);
     EXPECT_FALSE(refused.success);
     EXPECT_EQ(refused.message, "Firmware filepath [" + too_long + "] is too long. Max size: 2048");
     EXPECT_TRUE(fake_.calls().empty() || fake_.calls().back() != "firmware_update_start");
-    const auto accepted = updater.start_update(kMac, std::string(2048, 'a'));
+
+    // The library refuses the file: reported once by the status, then forgotten.
+    fake_.set_result("firmware_update_start", TIDEWELLAPI_ERROR_FILE_NOT_FOUND);
+    const auto accepted = updater_.start_update(kMac, std::string(2048, 'a'));
     EXPECT_TRUE(accepted.success);
     EXPECT_EQ(accepted.message,
               "Successfully started firmware update of device with mac [00:1b:c5:00:00:01]");
-    wait_until_complete(updater);
-}
-
-TEST_F(FirmwareUpdaterTest, UnknownDeviceThrows) {
-    TidewellFirmwareUpdater updater;
-    EXPECT_THROW(updater.start_update("00:1b:c5:00:00:77", firmware_),
-                 devices::TidewellMissingException);
+    FirmwareUpdateStatus status;
+    EXPECT_TRUE(eventually([&] { return !(status = updater_.status(kMac)).start_success; }));
+    EXPECT_FALSE(status.update_success);
+    EXPECT_EQ(status.message,
+              "The last start of a firmware update fo device [00:1b:c5:00:00:01] failed");
+    EXPECT_EQ(
+        log_count("Could not start firmware flash for device [00:1b:c5:00:00:01] with file [" +
+                  std::string(2048, 'a') + "]. APIRet: -8"),
+        1u);
+    EXPECT_EQ(log_count("Resetting update success for device [00:1b:c5:00:00:01] to false"), 1u);
+    const FirmwareUpdateStatus next = updater_.status(kMac);
+    EXPECT_TRUE(next.start_success);
+    EXPECT_FALSE(next.update_in_progress);
+    EXPECT_TRUE(eventually([&] { return !updater_.any_running(); }));
+    EXPECT_FALSE(devices::firmware_update_in_progress("api_start"));
 }
 
 TEST_F(FirmwareUpdaterTest, UpdateRunsGuardsTheDevicesAndCompletes) {
-    TidewellFirmwareUpdater updater;
     fake_.set_flash_progress(42);
-    ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
+    ASSERT_TRUE(updater_.start_update(kMac, firmware_).success);
     // The second poll comes after the first progress has been handed to the updater.
     ASSERT_TRUE(fake_.wait_for_progress_calls(2));
 
     // While it runs: a second start is refused and every operation is kept off.
-    const auto second = updater.start_update(kMac, firmware_);
+    const auto second = updater_.start_update(kMac, firmware_);
     EXPECT_FALSE(second.success);
     EXPECT_EQ(second.message,
               "Could not start firmware update for device with mac "
               "[00:1b:c5:00:00:01]: Update already in progress");
-    EXPECT_TRUE(updater.any_running());
+    EXPECT_TRUE(updater_.any_running());
     auto device = devices::find_device_by_mac(kMac);
     EXPECT_EQ(devices::api_start(device), 7u);
-    const FirmwareUpdateStatus running = updater.status(kMac);
+    const FirmwareUpdateStatus running = updater_.status(kMac);
     EXPECT_TRUE(running.update_in_progress);
     EXPECT_EQ(running.update_progress, 42);
     EXPECT_EQ(running.message,
-              "The firmware update for device with mac [00:1b:c5:00:00:01] is 42 "
-              "complete");
+              "The firmware update for device with mac [00:1b:c5:00:00:01] is 42 complete");
 
     fake_.finish_flash(0);
-    const FirmwareUpdateStatus done = wait_until_complete(updater);
+    const FirmwareUpdateStatus done = final_status();
     EXPECT_TRUE(done.update_success);
     EXPECT_EQ(done.update_progress, 100);
     EXPECT_EQ(done.message,
               "The firmware update for device with mac [00:1b:c5:00:00:01] has completed "
               "successfully");
-    // The worker has set its finished flag once the completion is seen by the status; the guard
-    // then lets operations through.
-    for (int i = 0; i < 600 && updater.any_running(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    // The worker sets its finished flag once the status has seen the completion; the guard then
+    // lets operations through and the cleanup thread drops the worker but keeps the entry.
+    EXPECT_TRUE(eventually([&] { return !updater_.any_running(); }));
     EXPECT_FALSE(devices::firmware_update_in_progress("api_start"));
+    const std::string deleting =
+        "Deleting StatsThread because Firmware Update for device [0x100] is complete";
+    EXPECT_TRUE(eventually([&] { return log_count(deleting) == 1; }));
+    EXPECT_TRUE(updater_.status(kMac).update_success);
     EXPECT_GE(log_count("Firmware update for device with handle [0x100] progress: 42"), 1u);
     EXPECT_EQ(log_count("Firmware update for device with handle [0x100] update success: true"), 1u);
     EXPECT_EQ(log_count("Starting firmware flash for device [00:1b:c5:00:00:01] with file [" +
@@ -118,65 +127,16 @@ TEST_F(FirmwareUpdaterTest, UpdateRunsGuardsTheDevicesAndCompletes) {
                         "[00:1b:c5:00:00:01]"),
               1u);
 
-    // After it has finished a new start replaces the entry.
-    ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
+    // After it has finished a new start replaces the entry; this flash fails.
+    fake_.finish_flash(TIDEWELLAPI_ERROR_FIRMWARE_FAILED);
+    ASSERT_TRUE(updater_.start_update(kMac, firmware_).success);
     EXPECT_EQ(log_count("Reassigning StatsThread to reference vector for device with mac "
                         "[00:1b:c5:00:00:01]"),
               1u);
-    wait_until_complete(updater);
-}
-
-TEST_F(FirmwareUpdaterTest, RefusedStartIsReportedOnce) {
-    fake_.set_result("firmware_update_start", TIDEWELLAPI_ERROR_FILE_NOT_FOUND);
-    TidewellFirmwareUpdater updater;
-    ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
-    FirmwareUpdateStatus status;
-    for (int i = 0; i < 600; ++i) {
-        status = updater.status(kMac);
-        if (!status.start_success) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_FALSE(status.start_success);
-    EXPECT_FALSE(status.update_success);
-    EXPECT_EQ(status.message,
-              "The last start of a firmware update fo device [00:1b:c5:00:00:01] "
-              "failed");
-    EXPECT_EQ(
-        log_count("Could not start firmware flash for device [00:1b:c5:00:00:01] with file [" +
-                  firmware_ + "]. APIRet: -8"),
-        1u);
-    EXPECT_EQ(log_count("Resetting update success for device [00:1b:c5:00:00:01] to false"), 1u);
-    const FirmwareUpdateStatus next = updater.status(kMac);
-    EXPECT_TRUE(next.start_success);
-    EXPECT_FALSE(next.update_in_progress);
-    for (int i = 0; i < 600 && updater.any_running(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_FALSE(devices::firmware_update_in_progress("api_start"));
-}
-
-TEST_F(FirmwareUpdaterTest, FailedFlashEndsWithoutSuccess) {
-    TidewellFirmwareUpdater updater;
-    fake_.finish_flash(TIDEWELLAPI_ERROR_FIRMWARE_FAILED);
-    ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
-    const FirmwareUpdateStatus done = wait_until_complete(updater);
-    EXPECT_FALSE(done.update_success);
-    EXPECT_TRUE(done.start_success);
-}
-
-TEST_F(FirmwareUpdaterTest, CleanupThreadDropsFinishedWorkersButKeepsTheEntry) {
-    TidewellFirmwareUpdater updater;
-    fake_.finish_flash(0);
-    ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
-    for (int i = 0; i < 600 && log_count("Deleting StatsThread because Firmware Update for device "
-                                         "[0x100] is complete") == 0;
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(log_count("Deleting StatsThread because Firmware Update for device [0x100] is "
-                        "complete"),
-              1u);
-    EXPECT_TRUE(updater.status(kMac).update_success);
+    const FirmwareUpdateStatus failed = final_status();
+    EXPECT_FALSE(failed.update_success);
+    EXPECT_TRUE(failed.start_success);
+    EXPECT_TRUE(eventually([&] { return !updater_.any_running(); }));
 }
 
 TEST_F(FirmwareUpdaterTest, ShutDownLeavesARunningFlashToItsOwnThread) {
@@ -192,10 +152,7 @@ TEST_F(FirmwareUpdaterTest, ShutDownLeavesARunningFlashToItsOwnThread) {
     EXPECT_TRUE(devices::update_running());
     // The worker ends on its own and frees itself (LeakSanitizer reports it otherwise).
     fake_.finish_flash(0);
-    for (int i = 0; i < 600 && devices::update_running(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_FALSE(devices::update_running());
+    EXPECT_TRUE(eventually([] { return !devices::update_running(); }));
 }
 
 class FirmwareCatalogueTest : public DeviceTest {};
@@ -237,8 +194,11 @@ TEST_F(FirmwareCatalogueTest, ReadsAttributesAndChildElements) {
     EXPECT_EQ(devices::firmware_for_device(images, lite).size(), 1u);
 }
 
-TEST_F(FirmwareCatalogueTest, MissingAndBrokenFiles) {
+TEST_F(FirmwareCatalogueTest, ShippedSampleMissingAndBrokenFiles) {
     std::vector<devices::FirmwareImage> images;
+    ASSERT_TRUE(
+        devices::read_firmware_catalogue(VISTREL_SOURCE_DIR "/config/firmware.xml", images));
+    EXPECT_EQ(images.size(), 3u);
     const std::string missing = temp_.file("nothing.xml");
     EXPECT_FALSE(devices::read_firmware_catalogue(missing, images));
     EXPECT_EQ(log_count("Could not open Firwmare.xml at: " + missing), 1u);
@@ -248,13 +208,6 @@ TEST_F(FirmwareCatalogueTest, MissingAndBrokenFiles) {
     EXPECT_EQ(log_count("XML [" + broken + "] parsed with errors"), 1u);
     EXPECT_EQ(log_count("XML Error Description: "), 1u);
     EXPECT_EQ(log_count("XML Error Offset: "), 1u);
-}
-
-TEST_F(FirmwareCatalogueTest, ShippedSampleReads) {
-    std::vector<devices::FirmwareImage> images;
-    ASSERT_TRUE(
-        devices::read_firmware_catalogue(VISTREL_SOURCE_DIR "/config/firmware.xml", images));
-    EXPECT_EQ(images.size(), 3u);
 }
 
 }  // namespace

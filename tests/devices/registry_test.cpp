@@ -9,7 +9,7 @@ namespace {
 
 using devices::StatsThreadInfo;
 
-TEST(StatsThreadInfoTest, MacTextRoundTripsAndRejectsBadText) {
+TEST(StatsThreadInfoTest, TextConversions) {
     devices::MacAddress mac{};
     ASSERT_TRUE(devices::mac_from_text("00:1B:c5:a0:0:ff", mac));
     EXPECT_EQ(devices::mac_to_text(mac), "00:1b:c5:a0:00:ff");
@@ -19,6 +19,14 @@ TEST(StatsThreadInfoTest, MacTextRoundTripsAndRejectsBadText) {
         EXPECT_FALSE(devices::mac_from_text(bad, mac)) << bad;
         EXPECT_EQ(mac, before);
     }
+    const std::string folder = "/caps/Zürich-\xF0\x9F\x93\xA6";
+    EXPECT_EQ(devices::to_narrow(devices::to_wide(folder)), folder);
+    EXPECT_EQ(devices::to_wide("ab\xFF").back(), u'\xFFFD');
+    TidewellAPIDeviceType type = TidewellAPIDeviceType_Pro;
+    ASSERT_TRUE(devices::model_from_name("Tidewell Lite", type));
+    EXPECT_EQ(devices::model_name(type), "Tidewell Lite");
+    EXPECT_FALSE(devices::model_from_name("tidewell pro", type));
+    EXPECT_EQ(devices::model_name(static_cast<TidewellAPIDeviceType>(99)), "Unknown");
 }
 
 TEST(StatsThreadInfoTest, CopyOwnsItsCaptureFolder) {
@@ -26,37 +34,14 @@ TEST(StatsThreadInfoTest, CopyOwnsItsCaptureFolder) {
     original.capture_folder = u"/captures/first";
     StatsThreadInfo copy = original;
     original.capture_folder = u"/elsewhere";
-    EXPECT_EQ(copy.capture_folder, u"/captures/first");
-    const TidewellAPIDiskDumpConfig config = copy.library_config();
-    EXPECT_EQ(std::u16string(config.CaptureFolder), u"/captures/first");
+    EXPECT_EQ(std::u16string(copy.library_config().CaptureFolder), u"/captures/first");
     EXPECT_EQ(original.dd_config.CaptureFolder, nullptr);
 }
 
-TEST(StatsThreadInfoTest, WideStringsRoundTripUtf8) {
-    const std::string text = "/caps/Zürich-\xF0\x9F\x93\xA6";
-    EXPECT_EQ(devices::to_narrow(devices::to_wide(text)), text);
-    EXPECT_EQ(devices::to_wide("ab\xFF").back(), u'\xFFFD');
-}
-
-TEST(StatsThreadInfoTest, ModelNamesMapBothWays) {
-    for (const auto& entry : TidewellAPIDeviceTypeNames) {
-        TidewellAPIDeviceType type = TidewellAPIDeviceType_Unknown;
-        ASSERT_TRUE(devices::model_from_name(entry.name, type));
-        EXPECT_EQ(type, entry.type);
-        EXPECT_EQ(devices::model_name(type), entry.name);
-    }
-    TidewellAPIDeviceType type = TidewellAPIDeviceType_Pro;
-    EXPECT_FALSE(devices::model_from_name("tidewell pro", type));
-    EXPECT_EQ(type, TidewellAPIDeviceType_Pro);
-    EXPECT_EQ(devices::model_name(static_cast<TidewellAPIDeviceType>(99)), "Unknown");
-}
-
-TEST(StatsThreadInfoTest, MissingExceptionCarriesMacAndMessage) {
-    const devices::TidewellMissingException error("00:1b:c5:00:00:09");
-    EXPECT_STREQ(error.what(),
+TEST(StatsThreadInfoTest, MissingExceptionText) {
+    EXPECT_STREQ(devices::TidewellMissingException("00:1b:c5:00:00:09").what(),
                  "Tidewell device with mac '00:1b:c5:00:00:09' is not available. Please check "
                  "your connection");
-    EXPECT_EQ(error.mac(), "00:1b:c5:00:00:09");
 }
 
 class RegistryTest : public DeviceTest {};
@@ -72,41 +57,45 @@ TEST_F(RegistryTest, InitialiseRegistersCallbacksBeforeTheLibraryStarts) {
     EXPECT_EQ(devices::initialise(), -5);
 }
 
-TEST_F(RegistryTest, NewDeviceIsRegisteredWithEverythingRead) {
+TEST_F(RegistryTest, NewAndGoneDevices) {
     fake_.set_capabilities(0x30b);
-    std::vector<StatsThreadInfo> announced;
+    std::vector<StatsThreadInfo> announced, gone;
     devices::set_new_device_subscriber([&](StatsThreadInfo info) { announced.push_back(info); });
+    devices::set_device_gone_subscriber([&](StatsThreadInfo info) { gone.push_back(info); });
     const StatsThreadInfo device = plug(0x100, 1);
     EXPECT_EQ(device.handle, 0x100u);
-    EXPECT_EQ(device.type, TidewellAPIDeviceType_Pro);
     EXPECT_EQ(device.capabilities, 0x30bu);
     EXPECT_EQ(device.versions.FirmwareVersion, 0x10001u);
     EXPECT_EQ(device.features.HWFirmwareId, 1);
-    EXPECT_TRUE(device.name.empty());
     ASSERT_EQ(announced.size(), 1u);
     EXPECT_EQ(announced[0].mac_text(), "00:1b:c5:00:00:01");
     EXPECT_EQ(log_count("New Device Callback: New Device Detected"), 1u);
-}
 
-TEST_F(RegistryTest, ReannouncedDeviceKeepsOneEntryWithTheNewerRecord) {
-    plug(0x100, 1);
+    // Announced again: one entry, with the newer record.
     auto changed = FakeDeviceLibrary::device_with_mac(1);
     changed.versions.FirmwareVersion = 0x20000;
     fake_.add_device(0x100, changed);
     devices::on_new_device(0x100, nullptr);
+    ASSERT_EQ(devices::snapshot().size(), 1u);
+    EXPECT_EQ(devices::snapshot()[0].versions.FirmwareVersion, 0x20000u);
+
+    plug(0x101, 2);
+    devices::on_device_gone(0x100, nullptr);
+    ASSERT_EQ(gone.size(), 1u);
+    EXPECT_EQ(gone[0].handle, 0x100u);
     const auto all = devices::snapshot();
     ASSERT_EQ(all.size(), 1u);
-    EXPECT_EQ(all[0].versions.FirmwareVersion, 0x20000u);
+    EXPECT_EQ(all[0].handle, 0x101u);
+    EXPECT_EQ(log_count("Device Gone Callback: Device Removed"), 1u);
 }
 
 TEST_F(RegistryTest, DeviceWhoseDataCannotBeReadIsNeverPresent) {
+    fake_.add_device(0x200, FakeDeviceLibrary::device_with_mac(2));
     for (const char* failing :
          {"get_device_type", "get_device_mac", "get_versions", "get_device_features"}) {
-        SCOPED_TRACE(failing);
         fake_.set_result(failing, TIDEWELLAPI_ERROR);
-        fake_.add_device(0x200, FakeDeviceLibrary::device_with_mac(2));
         devices::on_new_device(0x200, nullptr);
-        EXPECT_TRUE(devices::snapshot().empty());
+        EXPECT_TRUE(devices::snapshot().empty()) << failing;
         fake_.set_result(failing, TIDEWELLAPI_SUCCESS);
     }
     // Without capability bit 0 the features are not read, so their failure does not matter.
@@ -116,44 +105,21 @@ TEST_F(RegistryTest, DeviceWhoseDataCannotBeReadIsNeverPresent) {
     EXPECT_EQ(devices::snapshot().size(), 1u);
 }
 
-TEST_F(RegistryTest, GoneDeviceIsRemovedAndSubscriberGetsTheHandle) {
-    plug(0x100, 1);
-    plug(0x101, 2);
-    std::vector<StatsThreadInfo> gone;
-    devices::set_device_gone_subscriber([&](StatsThreadInfo info) { gone.push_back(info); });
-    devices::on_device_gone(0x100, nullptr);
-    ASSERT_EQ(gone.size(), 1u);
-    EXPECT_EQ(gone[0].handle, 0x100u);
-    EXPECT_EQ(gone[0].mac_text(), "00:00:00:00:00:00");
-    const auto all = devices::snapshot();
-    ASSERT_EQ(all.size(), 1u);
-    EXPECT_EQ(all[0].handle, 0x101u);
-    EXPECT_EQ(log_count("Device Gone Callback: Device Removed"), 1u);
-}
-
-TEST_F(RegistryTest, FindByMacIsExactAndThrowsWhenMissing) {
-    plug(0x100, 0xab);
-    EXPECT_EQ(devices::find_handle_by_mac("00:1b:c5:00:00:ab"), 0x100u);
-    EXPECT_THROW(devices::find_handle_by_mac("00:1B:C5:00:00:AB"),
-                 devices::TidewellMissingException);
-    try {
-        devices::find_handle_by_mac("00:1b:c5:00:00:0b");
-        FAIL() << "no exception";
-    } catch (const devices::TidewellMissingException& error) {
-        EXPECT_EQ(error.mac(), "00:1b:c5:00:00:0b");
-    }
-    devices::clear_registry();
-    EXPECT_THROW(devices::find_handle_by_mac("00:1b:c5:00:00:ab"),
-                 devices::TidewellMissingException);
-}
-
-TEST_F(RegistryTest, AllAvailableNeedsEveryRequestedMac) {
-    StatsThreadInfo first;
+TEST_F(RegistryTest, LookUpsByMac) {
+    StatsThreadInfo first, second;
     first.mac = {0x00, 0x1b, 0xc5, 0x00, 0x00, 0x01};
-    StatsThreadInfo second = first;
-    second.mac[5] = 0x02;
+    second.mac = {0x00, 0x1b, 0xc5, 0x00, 0x00, 0x02};
     EXPECT_FALSE(devices::all_available({first}));  // empty registry
     plug(0x100, 1);
+    EXPECT_EQ(devices::find_handle_by_mac("00:1b:c5:00:00:01"), 0x100u);
+    EXPECT_THROW(devices::find_handle_by_mac("00:1B:C5:00:00:01"),
+                 devices::TidewellMissingException);
+    try {
+        devices::find_handle_by_mac("00:1b:c5:00:00:02");
+        FAIL() << "no exception";
+    } catch (const devices::TidewellMissingException& error) {
+        EXPECT_EQ(error.mac(), "00:1b:c5:00:00:02");
+    }
     EXPECT_FALSE(devices::all_available({}));
     EXPECT_TRUE(devices::all_available({first}));
     EXPECT_FALSE(devices::all_available({first, second}));
@@ -164,7 +130,7 @@ TEST_F(RegistryTest, AllAvailableNeedsEveryRequestedMac) {
     EXPECT_TRUE(devices::all_available({second, first}));
 }
 
-TEST_F(RegistryTest, AnyCapturingAsksEveryDevice) {
+TEST_F(RegistryTest, AnyCapturingAsksEveryDeviceButNotDuringAFirmwareUpdate) {
     EXPECT_FALSE(devices::any_capturing());
     plug(0x100, 1);
     plug(0x101, 2);
@@ -172,29 +138,20 @@ TEST_F(RegistryTest, AnyCapturingAsksEveryDevice) {
     fake_.set_capturing(0x101, true);
     EXPECT_TRUE(devices::any_capturing());
     EXPECT_EQ(log_count("There are tidewell_devices capturing"), 1u);
-    fake_.set_result("disk_dump_get_status", TIDEWELLAPI_ERROR);
-    EXPECT_FALSE(devices::any_capturing());
-    EXPECT_EQ(log_count("Failed: cannot get status"), 2u);
-}
 
-TEST_F(RegistryTest, AnyCapturingSkipsDevicesDuringFirmwareUpdate) {
-    plug(0x100, 1);
-    fake_.set_capturing(0x100, true);
     auto finished = pretend_update();
     fake_.clear_calls();
     EXPECT_FALSE(devices::any_capturing());
     EXPECT_TRUE(fake_.calls().empty());
+    EXPECT_EQ(log_count("Firmware update in progress: No is_device_capturing possible - "
+                        "Returning TRUE"),
+              2u);
     finished->store(true);
     EXPECT_TRUE(devices::any_capturing());
-}
 
-TEST_F(RegistryTest, GuardAnswersOnlyWhileTheRunningUpdateIsUnfinished) {
-    EXPECT_FALSE(devices::firmware_update_in_progress("api_start"));
-    auto finished = pretend_update();
-    EXPECT_TRUE(devices::firmware_update_in_progress("api_start"));
-    EXPECT_EQ(log_count("Firmware update in progress: No api_start possible - Returning TRUE"), 1u);
-    finished->store(true);
-    EXPECT_FALSE(devices::firmware_update_in_progress("api_start"));
+    fake_.set_result("disk_dump_get_status", TIDEWELLAPI_ERROR);
+    EXPECT_FALSE(devices::any_capturing());
+    EXPECT_EQ(log_count("Failed: cannot get status"), 2u);
 }
 
 }  // namespace

@@ -68,20 +68,20 @@ TEST_F(CommandLineTest, AnalysisAlwaysIndexesEverything) {
                   " --shutdown-when-done --dns-mode 1 --arp-es --pkt-stats-es --daemon");
 }
 
-TEST(SplitCommandLineTest, QuotesGroupAndVanish) {
+// Quotes group and vanish; backslashes are plain except before a quote.
+TEST(SplitCommandLineTest, QuotingRules) {
     using Args = std::vector<std::string>;
-    EXPECT_EQ(split_command_line("\"/a b/watchkeep\" /c -P \"x;y z;1\""),
-              (Args{"/a b/watchkeep", "/c", "-P", "x;y z;1"}));
-    EXPECT_EQ(split_command_line("  one\t two  "), (Args{"one", "two"}));
-    EXPECT_EQ(split_command_line("a\"b c\"d \"\""), (Args{"ab cd", ""}));
-    EXPECT_EQ(split_command_line(""), Args{});
-}
-
-TEST(SplitCommandLineTest, BackslashesBeforeQuotes) {
-    using Args = std::vector<std::string>;
-    EXPECT_EQ(split_command_line("a\\b c\\\\"), (Args{"a\\b", "c\\\\"}));
-    EXPECT_EQ(split_command_line("\"a\\\"b\" c\\\\\"d e\""), (Args{"a\"b", "c\\d e"}));
-    EXPECT_EQ(split_command_line("\"say \"\"hi\"\"\""), (Args{"say \"hi\""}));
+    const std::vector<std::pair<std::string, Args>> cases = {
+        {"\"/a b/watchkeep\" /c -P \"x;y z;1\"", {"/a b/watchkeep", "/c", "-P", "x;y z;1"}},
+        {"  one\t two  ", {"one", "two"}},
+        {"a\"b c\"d \"\"", {"ab cd", ""}},
+        {"", {}},
+        {"a\\b c\\\\", {"a\\b", "c\\\\"}},
+        {"\"a\\\"b\" c\\\\\"d e\"", {"a\"b", "c\\d e"}},
+        {"\"say \"\"hi\"\"\"", {"say \"hi\""}},
+    };
+    for (const auto& [line, expected] : cases)
+        EXPECT_EQ(split_command_line(line), expected) << line;
 }
 
 }  // namespace

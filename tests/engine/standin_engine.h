@@ -4,12 +4,9 @@
 // recorded. The stand-in is found by command name "watchkeep", so every test that starts it
 // must run alone among such tests (CTest RESOURCE_LOCK "watchkeep").
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -33,7 +30,7 @@ class StandinEngine {
 
     const std::filesystem::path& folder() const { return folder_; }
 
-    // "" (wait for the stop line), "ignore", "exit" or "done".
+    // "" (wait for the stop line), "ignore" or "exit".
     void set_mode(const std::string& mode) const {
         std::ofstream(folder_ / "mode", std::ios::trunc) << mode;
     }
@@ -62,28 +59,6 @@ class StandinEngine {
 
   private:
     std::filesystem::path folder_;
-};
-
-// A fresh temporary folder, removed with everything in it.
-class ScratchFolder {
-  public:
-    ScratchFolder() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "vistrel-ses-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
 };
 
 }  // namespace vistrel::testing

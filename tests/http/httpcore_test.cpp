@@ -83,37 +83,38 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
     }
 }
 
+// The documents themselves are checked on the host functions; here: they are routed.
 TEST_F(HttpCoreTest, HostDocumentsAnswer) {
     testing::HttpResponse disk = client().get("/getDiskSpace");
     EXPECT_EQ(disk.status, 200);
-    nlohmann::json document = nlohmann::json::parse(disk.body);
-    EXPECT_EQ(document["unit"], "GB");
-    EXPECT_GT(std::stoll(document["total_space"].get<std::string>()), 0);
-    EXPECT_EQ(disk.body.rfind("{\"total_space\":\"", 0), 0u);
-
+    EXPECT_EQ(nlohmann::json::parse(disk.body)["unit"], "GB");
     testing::HttpResponse interfaces = client().get("/getInterfaces");
     EXPECT_EQ(interfaces.status, 200);
-    nlohmann::json list = nlohmann::json::parse(interfaces.body);
-    ASSERT_TRUE(list.is_array());
-    for (const auto& adapter : list) {
-        EXPECT_NE(adapter["name"], "lo");
-        EXPECT_TRUE(adapter.contains("id") && adapter.contains("mac") &&
-                    adapter.contains("capturing"));
-    }
+    EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
 }
 
-// Sends raw bytes and returns everything the server answers until it closes.
-std::string exchange(int port, const std::vector<std::string>& pieces) {
+// A socket connected to the server; -1 if the connection fails.
+int connect_to(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return {};
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+// Sends raw bytes and returns everything the server answers until it closes.
+std::string exchange(int port, const std::vector<std::string>& pieces, bool half_close = false) {
+    int fd = connect_to(port);
+    EXPECT_GE(fd, 0);
+    if (fd < 0) return {};
     for (const std::string& piece : pieces) {
         if (send(fd, piece.data(), piece.size(), MSG_NOSIGNAL) < 0) break;
         usleep(20000);  // separate reads on the server side
     }
+    if (half_close) shutdown(fd, SHUT_WR);
     std::string answer;
     char buffer[4096];
     ssize_t count;
@@ -145,19 +146,7 @@ TEST_F(HttpCoreTest, GarbageOnTheSocketDoesNotTakeTheServerDown) {
          {std::string("NOT HTTP AT ALL\r\n\r\n"), std::string("GET /\x01\x02 HTTP/9.9\r\n\r\n"),
           std::string("POST /search HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n"),
           std::string(70000, 'A')}) {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(server_->port()));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        ssize_t sent = send(fd, garbage.data(), garbage.size(), MSG_NOSIGNAL);
-        (void)sent;
-        shutdown(fd, SHUT_WR);
-        char buffer[512];
-        while (recv(fd, buffer, sizeof buffer, 0) > 0) {
-        }
-        close(fd);
+        exchange(server_->port(), {garbage}, true);
     }
     EXPECT_EQ(client().get("/getStatus").status, 200);
 }

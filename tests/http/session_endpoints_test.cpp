@@ -17,22 +17,17 @@ TEST_F(SessionEndpointsTest, UnreadableBodiesAnswer400AndTouchNothing) {
     plug(1, 1);
     fake_.clear_calls();
     using Handler = std::function<Reply(const std::string&)>;
+    auto device = [&](auto handler) -> Handler {
+        return [&, handler](const std::string& body) { return handler(session, updater, body); };
+    };
     const std::vector<std::pair<std::string, Handler>> endpoints = {
         {"start", [&](const std::string& body) { return handle_start_capture(session, body); }},
-        {"restart_device",
-         [&](const std::string& body) { return handle_restart_tidewell(session, updater, body); }},
-        {"save_tidewells",
-         [&](const std::string& body) { return handle_save_tidewell(session, updater, body); }},
-        {"restore_device",
-         [&](const std::string& body) { return handle_restore_tidewell(session, updater, body); }},
-        {"set_device_time_from_sntp",
-         [&](const std::string& body) { return handle_set_device_time(session, updater, body); }},
-        {"flush_tidewell_firmware",
-         [&](const std::string& body) { return handle_update_firmware(session, updater, body); }},
-        {"get_vistrel_firmware_update_status",
-         [&](const std::string& body) {
-             return handle_firmware_update_status(session, updater, body);
-         }},
+        {"restart_device", device(handle_restart_tidewell)},
+        {"save_tidewells", device(handle_save_tidewell)},
+        {"restore_device", device(handle_restore_tidewell)},
+        {"set_device_time_from_sntp", device(handle_set_device_time)},
+        {"flush_tidewell_firmware", device(handle_update_firmware)},
+        {"get_vistrel_firmware_update_status", device(handle_firmware_update_status)},
     };
     for (const auto& [command, handler] : endpoints) {
         Reply reply = handler("{\"tidewells\":[{\"mac\":");
@@ -72,8 +67,8 @@ TEST_F(SessionEndpointsTest, StatusDocuments) {
 
     auto tidewells = nlohmann::json::parse(handle_get_tidewells(session).text);
     EXPECT_EQ(tidewells["general_message"], "Successfully retrieved all tidewell tidewell_devices");
-    EXPECT_TRUE(tidewells["devices"][0].contains("features"));
-    EXPECT_TRUE(tidewells["devices"][0].contains("versions"));
+    for (const char* key : {"features", "versions", "port_speeds"})
+        EXPECT_TRUE(tidewells["devices"][0].contains(key)) << key;
 
     devices::clear_registry();
     EXPECT_EQ(handle_get_devices(session).text, "{\"devices\":[]}");

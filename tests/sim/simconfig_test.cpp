@@ -33,7 +33,6 @@ TEST(SimConfigTest, ReadsEveryKeyWithDefaults) {
     EXPECT_TRUE(devices[0].firmware_update_fails);
     // Defaults: the first model of the table with its capabilities.
     EXPECT_EQ(devices[1].type, TidewellAPIDeviceTypeNames[0].type);
-    EXPECT_EQ(devices[1].capabilities, model_capabilities(TidewellAPIDeviceTypeNames[0].type));
     EXPECT_TRUE(devices[1].fail.empty());
 }
 
@@ -59,14 +58,14 @@ TEST(SimConfigTest, BadEntriesAreSkippedWithAReason) {
 TEST(SimConfigTest, EmptyAndBrokenFiles) {
     std::vector<SimDeviceConfig> devices;
     std::string errors;
-    EXPECT_TRUE(parse_sim_config("", devices, errors));
-    EXPECT_TRUE(devices.empty());
-    EXPECT_TRUE(parse_sim_config("devices: []\n", devices, errors));
-    EXPECT_TRUE(devices.empty());
-    EXPECT_FALSE(parse_sim_config("devices: [\n", devices, errors));
-    EXPECT_FALSE(errors.empty());
-    EXPECT_FALSE(parse_sim_config("devices: 3\n", devices, errors));
-    EXPECT_FALSE(parse_sim_config("- a\n- b\n", devices, errors));
+    for (const char* empty : {"", "devices: []\n"}) {
+        EXPECT_TRUE(parse_sim_config(empty, devices, errors));
+        EXPECT_TRUE(devices.empty());
+    }
+    for (const char* broken : {"devices: [\n", "devices: 3\n", "- a\n- b\n"}) {
+        EXPECT_FALSE(parse_sim_config(broken, devices, errors)) << broken;
+        EXPECT_FALSE(errors.empty());
+    }
 }
 
 }  // namespace

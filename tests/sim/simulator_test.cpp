@@ -27,6 +27,7 @@ using devices::StatsThreadInfo;
 
 constexpr char kFirst[] = "00:1b:c5:00:00:01";
 constexpr char kSecond[] = "00:1b:c5:00:00:02";
+constexpr char kThird[] = "00:1b:c5:00:00:03";
 
 // Waits up to a minute for `condition`.
 bool eventually(const std::function<bool()>& condition) {
@@ -49,17 +50,20 @@ std::string device_entry(const std::string& mac, const std::string& extra = "") 
 }
 
 // Runs a shell command; its standard output.
-std::string run(const std::string& command, int* status = nullptr) {
+std::string run(const std::string& command) {
     std::string output;
     FILE* pipe = ::popen(command.c_str(), "r");
     if (pipe == nullptr) return output;
     char buffer[4096];
-    size_t length;
-    while ((length = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+    for (size_t length; (length = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
         output.append(buffer, length);
-    const int result = ::pclose(pipe);
-    if (status != nullptr) *status = result;
+    }
+    ::pclose(pipe);
     return output;
+}
+
+bool capinfos_reads(const std::string& file) {
+    return std::system(("capinfos '" + file + "' > /dev/null 2>&1").c_str()) == 0;
 }
 
 std::vector<std::string> capture_files(const std::string& folder) {
@@ -77,9 +81,10 @@ class SimulatorTest : public ::testing::Test {
     void SetUp() override {
         config_ = temp_.file("tidewell-sim.yml");
         ::setenv("TIDEWELL_SIM_CONFIG", config_.c_str(), 1);
+        configuration().capture_path =
+            temp_.file("captures");  // before the log level: it resets it
         logger().open(temp_.file("test.log"));
         logger().set_level(kLogTrace);
-        configuration().capture_path = temp_.file("captures");
         devices::clear_registry();
         devices::set_new_device_subscriber([this](StatsThreadInfo info) {
             std::lock_guard lock(events_mutex_);
@@ -138,40 +143,34 @@ class SimulatorTest : public ::testing::Test {
     std::vector<std::string> events_;
 };
 
-TEST_F(SimulatorTest, DevicesOfTheFileAreAnnouncedWithTheirData) {
-    start(device_entry(kFirst, "    hw_firmware_id: 3\n    firmware_version: 65540\n") +
-          "  - mac: \"00:1B:C5:00:00:02\"\n    model: \"Tidewell Lite\"\n"
-          "    capabilities: 0x309\n");
-    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 2; }));
-    const StatsThreadInfo first = devices::find_device_by_mac(kFirst);
+TEST_F(SimulatorTest, DevicesOfTheFileArePluggedAndUnplugged) {
+    start(device_entry(kFirst, "    hw_firmware_id: 3\n    firmware_version: 65540\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    StatsThreadInfo first = devices::find_device_by_mac(kFirst);
     EXPECT_EQ(first.type, TidewellAPIDeviceType_Pro);
     EXPECT_EQ(first.capabilities, 0x30bu);
     EXPECT_EQ(first.features.HWFirmwareId, 3);
     EXPECT_EQ(first.versions.FirmwareVersion, 65540u);
+    devices::InterfaceStatus details;
+    EXPECT_TRUE(devices::get_iface_status(first, &details));
+    EXPECT_EQ(details.link.PortCount, 2u);
+    EXPECT_EQ(details.link.Ports[0].LinkUp, TidewellAPIState_On);
+
+    const std::string lite =
+        "  - mac: \"00:1B:C5:00:00:02\"\n    model: \"Tidewell Lite\"\n    capabilities: 0x309\n";
+    write_devices(device_entry(kFirst) + lite);
+    ASSERT_TRUE(eventually([] { return present(kSecond); }));
     const StatsThreadInfo second = devices::find_device_by_mac(kSecond);
     EXPECT_EQ(second.type, TidewellAPIDeviceType_Lite);
     EXPECT_EQ(second.capabilities, 0x309u);
-    StatsThreadInfo status = first;
-    devices::InterfaceStatus details;
-    EXPECT_TRUE(devices::get_iface_status(status, &details));
-    EXPECT_EQ(details.link.PortCount, 2u);
-    EXPECT_EQ(details.link.Ports[0].LinkUp, TidewellAPIState_On);
-}
-
-TEST_F(SimulatorTest, EditingTheFilePlugsAndUnplugsDevices) {
-    start(device_entry(kFirst));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    write_devices(device_entry(kFirst) + device_entry(kSecond));
-    ASSERT_TRUE(eventually([] { return present(kSecond); }));
-    const TidewellAPIHandle first = devices::find_handle_by_mac(kFirst);
-    write_devices(device_entry(kSecond));
+    write_devices(lite);
     ASSERT_TRUE(eventually([] { return !present(kFirst); }));
     EXPECT_TRUE(present(kSecond));
-    EXPECT_EQ(events().back(), "gone " + std::to_string(first));
+    EXPECT_EQ(events().back(), "gone " + std::to_string(first.handle));
     // Plugged in again, it keeps its handle.
-    write_devices(device_entry(kSecond) + device_entry(kFirst));
+    write_devices(lite + device_entry(kFirst));
     ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    EXPECT_EQ(devices::find_handle_by_mac(kFirst), first);
+    EXPECT_EQ(devices::find_handle_by_mac(kFirst), first.handle);
     // A file that is no YAML leaves the devices as they are.
     write_file(config_, "devices: [\n");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -188,25 +187,6 @@ TEST_F(SimulatorTest, FailingCallsArePerDevice) {
     EXPECT_EQ(devices::api_restart_device(second), 6u);
     EXPECT_EQ(devices::api_start(second), 1u);
     EXPECT_TRUE(devices::get_dd_status(second));
-    // Lifting the failure through the file makes the first device readable on its next
-    // announcement.
-    const size_t before = events().size();
-    write_devices(device_entry(kSecond));
-    ASSERT_TRUE(eventually([&] { return events().size() > before; }));  // the first is gone
-    write_devices(device_entry(kSecond) + device_entry(kFirst));
-    EXPECT_TRUE(eventually([] { return present(kFirst); }));
-}
-
-TEST_F(SimulatorTest, RestartedDeviceGoesAndComesBack) {
-    start(device_entry(kFirst));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    StatsThreadInfo device = devices::find_device_by_mac(kFirst);
-    const std::string handle = std::to_string(device.handle);
-    ASSERT_EQ(devices::api_restart_device(device), 0u);
-    ASSERT_TRUE(eventually([&] { return events().size() >= 3; }));
-    EXPECT_EQ(events(),
-              (std::vector<std::string>{"new " + handle, "gone " + handle, "new " + handle}));
-    EXPECT_TRUE(present(kFirst));
 }
 
 TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
@@ -229,107 +209,87 @@ TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
     ASSERT_GE(files.size(), 3u);
     uint64_t packets = 0;
     for (const auto& file : files) {
-        SCOPED_TRACE(file);
-        EXPECT_EQ(fs::path(file).filename().string().rfind("trace_", 0), 0u);
-        int status = -1;
-        const std::string info = run("capinfos '" + file + "' 2>&1", &status);
-        EXPECT_EQ(status, 0) << info;
-        EXPECT_NE(info.find("File type:           Wireshark/... - pcapng"), std::string::npos)
-            << info;
-        EXPECT_NE(info.find("Number of interfaces in file: 2"), std::string::npos) << info;
-        EXPECT_NE(info.find("File timestamp precision:  nanoseconds (9)"), std::string::npos)
-            << info;
-        const std::string count =
-            run("capinfos -M -c '" + file + "' | awk '/Number of packets/ {print $NF}'");
-        packets += std::strtoull(count.c_str(), nullptr, 10);
+        EXPECT_EQ(fs::path(file).filename().string().rfind("trace_", 0), 0u) << file;
+        const std::string info = run("capinfos -M '" + file + "' 2>&1");
+        for (const char* line :
+             {"File type:           pcapng", "Number of interfaces in file: 2",
+              "File timestamp precision:  nanoseconds (9)", "Number of packets:"}) {
+            EXPECT_NE(info.find(line), std::string::npos) << info;
+        }
+        packets += std::strtoull(info.c_str() + info.find("Number of packets:") + 18, nullptr, 10);
     }
     EXPECT_EQ(packets, device.dd_status.PacketsWritten);
 
     // Every frame decodes, with good checksums, and all kinds of traffic are there.
-    const std::string protocols = run(
+    const std::string tshark =
         "tshark -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE "
         "-r '" +
-        files[0] + "' -T fields -e frame.protocols -e _ws.expert.severity 2>&1");
-    EXPECT_NE(protocols.find("eth:ethertype:ip:tcp"), std::string::npos);
-    EXPECT_NE(protocols.find("eth:ethertype:ip:udp"), std::string::npos);
-    EXPECT_NE(protocols.find("eth:ethertype:ipv6:tcp"), std::string::npos);
-    EXPECT_NE(protocols.find("eth:ethertype:ipv6:udp"), std::string::npos);
-    EXPECT_NE(protocols.find("eth:ethertype:arp"), std::string::npos);
-    const std::string bad = run(
-        "tshark -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE "
-        "-r '" +
-        files[0] +
-        "' -Y 'ip.checksum.status == 0 || tcp.checksum.status == 0 || "
-        "udp.checksum.status == 0 || _ws.malformed || _ws.expert.severity >= 8388608' 2>/dev/null "
-        "| wc -l");
+        files[0] + "' ";
+    const std::string protocols = run(tshark + "-T fields -e frame.protocols 2>&1");
+    for (const char* kind :
+         {"eth:ethertype:ip:tcp", "eth:ethertype:ip:udp", "eth:ethertype:ipv6:tcp",
+          "eth:ethertype:ipv6:udp", "eth:ethertype:arp"}) {
+        EXPECT_NE(protocols.find(kind), std::string::npos) << kind;
+    }
+    const std::string bad = run(tshark +
+                                "-Y 'ip.checksum.status == 0 || tcp.checksum.status == 0 || "
+                                "udp.checksum.status == 0 || _ws.malformed || "
+                                "_ws.expert.severity >= 8388608' 2>/dev/null | wc -l");
     EXPECT_EQ(std::strtoul(bad.c_str(), nullptr, 10), 0u) << bad;
-    const std::string interfaces = run(
-        "tshark -r '" + files[0] + "' -T fields -e frame.interface_id | sort -u | tr '\\n' ' '");
-    EXPECT_EQ(interfaces, "0 1 ");
+    EXPECT_EQ(run(tshark + "-T fields -e frame.interface_id | sort -u | tr '\\n' ' '"), "0 1 ");
 }
 
-TEST_F(SimulatorTest, LastFileEndsACaptureWithoutLoop) {
-    start(device_entry(kFirst, "    packets_per_second: 100\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    StatsThreadInfo device = capture_device(kFirst, "limited", 1, 2, false);
-    ASSERT_EQ(devices::api_start(device), 0u);
-    ASSERT_TRUE(eventually([&] { return !devices::is_device_capturing(device); }));
+TEST_F(SimulatorTest, FileLimitEndsACaptureUnlessItLoops) {
+    start(device_entry(kFirst, "    packets_per_second: 100\n") +
+          device_entry(kSecond, "    packets_per_second: 100\n"));
+    ASSERT_TRUE(eventually([] { return present(kFirst) && present(kSecond); }));
+    StatsThreadInfo limited = capture_device(kFirst, "limited", 1, 2, false);
+    StatsThreadInfo ring = capture_device(kSecond, "ring", 1, 2, true);
+    ASSERT_EQ(devices::api_start(limited), 0u);
+    ASSERT_EQ(devices::api_start(ring), 0u);
+    ASSERT_TRUE(eventually([&] { return !devices::is_device_capturing(limited); }));
     EXPECT_EQ(capture_files(configuration().capture_path + "/limited").size(), 2u);
-    EXPECT_EQ(devices::api_stop(device), 0u);
-}
-
-TEST_F(SimulatorTest, LoopCaptureKeepsOnlyTheNewestFiles) {
-    start(device_entry(kFirst, "    packets_per_second: 100\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    StatsThreadInfo device = capture_device(kFirst, "ring", 1, 2, true);
-    ASSERT_EQ(devices::api_start(device), 0u);
+    EXPECT_EQ(devices::api_stop(limited), 0u);
+    // The ring keeps only the newest files.
     ASSERT_TRUE(eventually([&] {
-        devices::get_dd_status(device);
-        return device.dd_status.FilesWritten >= 3;
+        devices::get_dd_status(ring);
+        return ring.dd_status.FilesWritten >= 3;
     }));
-    EXPECT_TRUE(devices::is_device_capturing(device));
-    ASSERT_EQ(devices::api_stop(device), 0u);
+    EXPECT_TRUE(devices::is_device_capturing(ring));
+    ASSERT_EQ(devices::api_stop(ring), 0u);
     const auto files = capture_files(configuration().capture_path + "/ring");
     EXPECT_EQ(files.size(), 2u);
     EXPECT_EQ(files.front().find("_00001.pcapng"), std::string::npos);
 }
 
-TEST_F(SimulatorTest, UninitialiseEndsACaptureCleanly) {
-    start(device_entry(kFirst, "    packets_per_second: 500\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    StatsThreadInfo device = capture_device(kFirst, "cut", 0, 0, false);
-    ASSERT_EQ(devices::api_start(device), 0u);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    ASSERT_EQ(devices::uninitialise(), 0);
-    started_ = false;
-    const auto files = capture_files(configuration().capture_path + "/cut");
-    ASSERT_EQ(files.size(), 1u);
-    int status = -1;
-    run("capinfos '" + files[0] + "' > /dev/null 2>&1", &status);
-    EXPECT_EQ(status, 0);
-}
-
-TEST_F(SimulatorTest, UnpluggingOrRestartingACapturingDeviceEndsItsCapture) {
-    start(device_entry(kFirst, "    packets_per_second: 400\n") +
-          device_entry(kSecond, "    packets_per_second: 400\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst) && present(kSecond); }));
+// Unplugged, restarted or shut down, a capturing device leaves complete files.
+TEST_F(SimulatorTest, CapturesEndCleanly) {
+    const std::string rate = "    packets_per_second: 400\n";
+    start(device_entry(kFirst, rate) + device_entry(kSecond, rate) + device_entry(kThird, rate));
+    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 3; }));
     StatsThreadInfo first = capture_device(kFirst, "unplugged", 0, 0, false);
     StatsThreadInfo second = capture_device(kSecond, "restarted", 0, 0, false);
-    ASSERT_EQ(devices::api_start(first), 0u);
-    ASSERT_EQ(devices::api_start(second), 0u);
-    ASSERT_TRUE(devices::any_capturing());
-    write_devices(device_entry(kSecond, "    packets_per_second: 400\n"));
+    StatsThreadInfo third = capture_device(kThird, "shut down", 0, 0, false);
+    for (auto* device : {&first, &second, &third}) ASSERT_EQ(devices::api_start(*device), 0u);
+    write_devices(device_entry(kSecond, rate) + device_entry(kThird, rate));
     ASSERT_TRUE(eventually([] { return !present(kFirst); }));
+    const size_t before = events().size();
     ASSERT_EQ(devices::api_restart_device(second), 0u);
-    ASSERT_TRUE(eventually([&] { return events().size() >= 5; }));  // 2 new, gone, gone, new
-    ASSERT_TRUE(eventually([] { return present(kSecond); }));
-    EXPECT_FALSE(devices::any_capturing());
-    for (const char* name : {"unplugged", "restarted"}) {
+    // It goes and comes back with its handle.
+    ASSERT_TRUE(eventually([&] { return events().size() >= before + 2; }));
+    const std::string handle = std::to_string(second.handle);
+    const auto all = events();
+    EXPECT_EQ(std::vector<std::string>(all.begin() + before, all.end()),
+              (std::vector<std::string>{"gone " + handle, "new " + handle}));
+    EXPECT_TRUE(present(kSecond));
+    EXPECT_FALSE(devices::is_device_capturing(second));
+    EXPECT_TRUE(devices::is_device_capturing(third));
+    ASSERT_EQ(devices::uninitialise(), 0);
+    started_ = false;
+    for (const char* name : {"unplugged", "restarted", "shut down"}) {
         const auto files = capture_files(configuration().capture_path + "/" + name);
         ASSERT_EQ(files.size(), 1u) << name;
-        int status = -1;
-        run("capinfos '" + files[0] + "' > /dev/null 2>&1", &status);
-        EXPECT_EQ(status, 0) << name;
+        EXPECT_TRUE(capinfos_reads(files[0])) << name;
     }
 }
 

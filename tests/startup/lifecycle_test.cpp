@@ -22,6 +22,14 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// The daemon's stop signal: one byte through its FIFO.
+void write_one_byte(const std::string& fifo) {
+    int writer = open(fifo.c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    EXPECT_EQ(write(writer, "x", 1), 1);
+    close(writer);
+}
+
 TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
     ServerProcess server;
     ProgramRun no_arguments = server.run({});
@@ -31,17 +39,10 @@ TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
     // The log exists already: it is opened before the command line is read.
     EXPECT_TRUE(contains(server.log(), "Logging into " + server.log_path()));
 
-    ProgramRun version = server.run({"--version"});
-    EXPECT_EQ(version.exit_code, 0);
-    EXPECT_TRUE(contains(version.output, "centralizedserver v.2019.03.25\n"));
-
-    ProgramRun unknown = server.run({"-r", "x"});
-    EXPECT_EQ(unknown.exit_code, 0);
-    EXPECT_TRUE(contains(unknown.output, "[Set Up] Unknown option -'114': Exiting"));
-
-    ProgramRun capital = server.run({"--mode", "Debug"});
-    EXPECT_EQ(capital.exit_code, 255);
-    EXPECT_TRUE(contains(capital.output, "[Set Up] Invalid run mode 'Debug', unable to continue"));
+    // The printed texts are checked on the parser; here the codes the shell sees.
+    EXPECT_EQ(server.run({"--version"}).exit_code, 0);
+    EXPECT_EQ(server.run({"-r", "x"}).exit_code, 0);
+    EXPECT_EQ(server.run({"--mode", "Debug"}).exit_code, 255);
 
     ProgramRun bad_host = server.run({"--mode", "debug", "--host", "::1"});
     EXPECT_EQ(bad_host.exit_code, 1);
@@ -57,13 +58,11 @@ TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
     EXPECT_TRUE(contains(run.output, "[Will run as] host=127.0.0.1\n"));
     EXPECT_TRUE(contains(run.output, "[Will run as] port=" + std::to_string(server.port())));
     std::string log = server.log();
-    EXPECT_TRUE(contains(log, "Received STOP command"));
     EXPECT_TRUE(contains(log, "Centralized Server @ Vistrel"));
     EXPECT_TRUE(contains(log, "centralizedserver v.2019.03.25"));
     EXPECT_TRUE(
         contains(log, "Configuration:host=127.0.0.1;port=" + std::to_string(server.port())));
-    EXPECT_TRUE(contains(log, "WARNING: Closing Server..."));
-    EXPECT_LT(log.find("Received STOP command"), log.find("Closing Server..."));
+    EXPECT_LT(log.find("Received STOP command"), log.find("WARNING: Closing Server..."));
     // The effective configuration was written beside the default database.
     std::string copy = server.quellwick_root() + "/vistrel/centralizedserver/latest_config.yml";
     EXPECT_TRUE(contains(testing::read_file(copy), "mode: stop"));
@@ -161,10 +160,7 @@ TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
     EXPECT_TRUE(server.running());
     EXPECT_EQ(server.client().get("/getStatus").body, "Centralized Server Alive");
 
-    int writer = open(fifo.c_str(), O_WRONLY);
-    ASSERT_GE(writer, 0);
-    ASSERT_EQ(write(writer, "x", 1), 1);
-    close(writer);
+    write_one_byte(fifo);
     EXPECT_EQ(server.wait_for_exit(), 0);
     EXPECT_FALSE(std::filesystem::exists(fifo));
 }
@@ -182,10 +178,7 @@ TEST(Lifecycle, DaemonReclaimsAStaleFifoOrAnyOtherFileOfItsName) {
             {"--mode", "daemon", "--host", "127.0.0.1", "--port", std::to_string(server.port())}));
         ASSERT_TRUE(server.wait_for_log("Server running, waiting for signal"));
         EXPECT_FALSE(contains(server.output(), "Failed to create pipe")) << stale_fifo;
-        int writer = open(fifo.c_str(), O_WRONLY);
-        ASSERT_GE(writer, 0);
-        ASSERT_EQ(write(writer, "x", 1), 1);
-        close(writer);
+        write_one_byte(fifo);
         EXPECT_EQ(server.wait_for_exit(), 0);
     }
 }

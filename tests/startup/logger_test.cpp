@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "support/temp_dir.h"
 
@@ -44,22 +45,16 @@ TEST_F(LoggerTest, FileAndConsoleCarryTheSameLinesWithPrefixes) {
     EXPECT_EQ(file.substr(11, 1), " ");
 }
 
-TEST_F(LoggerTest, ThresholdZeroSilencesEvenErrors) {
-    log_.set_level(kLogError);
-    log_.log(kLogError, "a.cpp", 1, "error");
-    EXPECT_EQ(finish(), "");
-    EXPECT_EQ(console_, "");
-}
-
-TEST_F(LoggerTest, ThresholdsPassTheirLevelAndBelow) {
+TEST_F(LoggerTest, ThresholdsPassTheirLevelAndBelowAndZeroSilencesEvenErrors) {
     log_.set_level(kLogInfo);
     log_.log(kLogInfo, "a.cpp", 1, "info");
-    log_.log(kLogDebug, "a.cpp", 2, "debug");
     log_.log(5, "a.cpp", 3, "five");
+    log_.set_level(kLogError);
+    log_.log(kLogError, "a.cpp", 1, "error");
     std::string file = finish();
     EXPECT_NE(file.find("info"), std::string::npos);
-    EXPECT_EQ(file.find("debug"), std::string::npos);
     EXPECT_EQ(file.find("five"), std::string::npos);
+    EXPECT_EQ(file.find("error"), std::string::npos);
 }
 
 TEST_F(LoggerTest, TrailingLineFeedsGoCarriageReturnsStay) {
@@ -83,24 +78,21 @@ TEST_F(LoggerTest, SourceNameIsTheTextAfterTheLastBackslashOnly) {
 TEST_F(LoggerTest, LongMessagesAreCutToTheBufferSizes) {
     std::string huge(10000, 'a');
     log_.log(kLogNormal, "a.cpp", 1, "%s", huge.c_str());
-    std::string file = finish();
-    ASSERT_FALSE(file.empty());
-    std::string line = file.substr(0, file.size() - 1);  // without the final line feed
-    EXPECT_EQ(line.size(), 8191u);
-    size_t message_start = line.find("] ") + 2;
-    EXPECT_LT(line.size() - message_start, 8191u);
+    // 8191 characters and the final line feed.
+    EXPECT_EQ(finish().size(), 8192u);
 }
 
 TEST(LoggerLevels, NamesAndNumbers) {
-    EXPECT_EQ(level_from_name("trace"), 9u);
-    EXPECT_EQ(level_from_name("debug"), 6u);
-    EXPECT_EQ(level_from_name("info"), 3u);
-    EXPECT_EQ(level_from_name("normal"), 2u);
-    EXPECT_EQ(level_from_name("warning"), 1u);
-    EXPECT_EQ(level_from_name("error"), 0u);
+    const std::vector<std::string> names = {"error", "warning", "normal", "info", "",
+                                            "",      "debug",   "",       "",     "trace"};
+    for (unsigned level = 0; level < names.size(); ++level) {
+        if (names[level].empty()) continue;
+        EXPECT_EQ(level_from_name(names[level]), level);
+        EXPECT_EQ(name_from_level(level), names[level]);
+    }
+    // Names match exactly; anything else reads as normal.
     EXPECT_EQ(level_from_name("Debug"), 2u);
     EXPECT_EQ(level_from_name("verbose"), 2u);
-    EXPECT_EQ(name_from_level(6), "debug");
     EXPECT_EQ(name_from_level(4), "invalid");
     Logger log;
     log.set_level(12);
