@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// What the engine makes of the packets it sees: flow, DNS, ARP, HTTP and packet-statistics
+// records, sent to Elasticsearch as bulk requests. The capture side (live interfaces, device
+// folders, analysed files) only feeds packets in and asks for a clean finish.
+namespace vistrel::watchkeep {
+
+// Where records go and which kinds are made; read from the engine's command line and
+// environment.
+struct IndexSettings {
+    std::string bulk_url;            // "http://host:port/_bulk"
+    std::string flows_index;         // daily indices "<flows_index>-YYYY.MM.DD"
+    std::string http_index;          // empty: no HTTP request records
+    bool dns_records = false;        // "--dns-mode 1"
+    bool arp_records = false;        // "--arp-es"
+    bool packet_statistics = false;  // "--pkt-stats-es"
+    std::string spool_folder;        // "<capture path>/.watchkeep-spool"
+};
+
+class BulkSenderImpl;
+
+// Ships records in order, in bounded batches; what cannot be sent waits in the spool folder
+// and goes out first when the endpoint answers again, also in a later run. Thread-safe; one
+// per engine run, shared by every source.
+class BulkSender {
+  public:
+    explicit BulkSender(const IndexSettings& settings);
+    ~BulkSender();
+    BulkSender(const BulkSender&) = delete;
+    BulkSender& operator=(const BulkSender&) = delete;
+
+    // Queues one record: `index` is the daily index name, `document` one JSON object.
+    void enqueue(const std::string& index, std::string document);
+    // Sends what is queued, or spools what cannot be sent, within `budget`. True when nothing
+    // queued was lost (sent or safely on disk).
+    bool finish(std::chrono::milliseconds budget);
+
+  private:
+    std::unique_ptr<BulkSenderImpl> impl_;
+};
+
+class SourceIndexerImpl;
+
+// Turns the packets of one source (an interface, a device, an analysed file) into records.
+// Used from one thread.
+class SourceIndexer {
+  public:
+    SourceIndexer(const IndexSettings& settings, BulkSender& sender, std::string source_name);
+    ~SourceIndexer();
+    SourceIndexer(const SourceIndexer&) = delete;
+    SourceIndexer& operator=(const SourceIndexer&) = delete;
+
+    // One frame; `link_type` is a pcap LINKTYPE_* value.
+    void packet(uint32_t link_type, uint64_t timestamp_ns, const uint8_t* data,
+                uint32_t captured_length, uint32_t original_length);
+    // Packets dropped since the previous call: by the kernel and by the engine itself.
+    void drops(uint64_t kernel, uint64_t engine);
+    // Expires idle flows, reports long ones and emits periodic statistics; called at least once
+    // a second with the current time (packet time for a file, wall time for live capture).
+    void tick(uint64_t now_ns);
+    // Ends every flow and emits what remains.
+    void finish();
+
+  private:
+    std::unique_ptr<SourceIndexerImpl> impl_;
+};
+
+}  // namespace vistrel::watchkeep
