@@ -21,7 +21,7 @@ void pause_a_moment() {
 
 }  // namespace
 
-ExtractionJob::ExtractionJob(database::CaptureQuery query, Readers readers)
+ExtractionJob::ExtractionJob(CaptureQuery query, Readers readers)
     : query_(std::move(query)), readers_(std::move(readers)) {
     filtered_mode_ = !query_.display_filter.empty();
     // An end of 0 is an open bound, as it is for the selection and the display filter.
@@ -75,14 +75,14 @@ int64_t ExtractionJob::read_direct(uint8_t* buffer, size_t maximum) {
     }
     while (!readers_.empty()) {
         FileFormatParser& reader = *readers_.front();
-        if (maximum >= kHttpBlockSize) {
+        if (maximum >= kDirectChunkSize) {
             const size_t used =
-                reader.read_range_into(query_.start, range_end_, buffer, kHttpBlockSize);
+                reader.read_range_into(query_.start, range_end_, buffer, kDirectChunkSize);
             if (used > 0) return static_cast<int64_t>(used);
         } else {
-            pending_.resize(kHttpBlockSize);
+            pending_.resize(kDirectChunkSize);
             const size_t used =
-                reader.read_range_into(query_.start, range_end_, pending_.data(), kHttpBlockSize);
+                reader.read_range_into(query_.start, range_end_, pending_.data(), kDirectChunkSize);
             pending_.resize(used);
             pending_offset_ = 0;
             if (used > 0) return hand_out(buffer, maximum);
@@ -174,8 +174,7 @@ int64_t counted_file_size(const std::string& path) {
     return size < 0 ? 0 : size;
 }
 
-Extraction prepare_extraction(const database::CaptureQuery& query,
-                              const std::list<database::CaptureFileRecord>& files,
+Extraction prepare_extraction(const CaptureQuery& query, const std::list<CaptureFileRecord>& files,
                               std::unique_ptr<TsharkPipe> pipe) {
     Extraction extraction;
     LOG_NORMAL("Requesting pcap between: %lld and %lld", static_cast<long long>(query.start),

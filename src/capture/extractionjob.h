@@ -8,18 +8,19 @@
 #include <thread>
 #include <vector>
 
+#include "capture/capturefilerecord.h"
+#include "capture/capturequery.h"
 #include "capture/fileformatparser.h"
 #include "capture/tsharkpipe.h"
-#include "database/captureindex.h"
 
 namespace vistrel::capture {
 
-// Results of the content readers besides a byte count: the values libmicrohttpd expects.
+// Results of the content readers besides a byte count.
 inline constexpr int64_t kEndOfStream = -1;
 inline constexpr int64_t kEndWithError = -2;
 
-// Direct chunks are bounded by the HTTP block size, chunks fed to tshark by 64 KiB.
-inline constexpr size_t kHttpBlockSize = 102400;
+// Direct reads go by 100 KiB, chunks fed to tshark by 64 KiB.
+inline constexpr size_t kDirectChunkSize = 102400;
 inline constexpr size_t kFilterChunkSize = 65536;
 
 // The extract of one download: a 92-byte header, then the EPBs of the selected files in their
@@ -28,7 +29,7 @@ class ExtractionJob {
   public:
     using Readers = std::list<std::unique_ptr<FileFormatParser>>;
 
-    ExtractionJob(database::CaptureQuery query, Readers readers);
+    ExtractionJob(CaptureQuery query, Readers readers);
     // Stops a feeder that is still running (download abandoned) before anything is freed.
     ~ExtractionJob();
     ExtractionJob(const ExtractionJob&) = delete;
@@ -51,15 +52,15 @@ class ExtractionJob {
     // No selected file could be opened: the stream is empty and reports 204.
     bool nothing_readable() const { return nothing_readable_; }
     int status() const { return status_.load(); }
-    const database::CaptureQuery& query() const { return query_; }
+    const CaptureQuery& query() const { return query_; }
 
   private:
-    size_t chunk_size() const { return filtered_mode_ ? kFilterChunkSize : kHttpBlockSize; }
+    size_t chunk_size() const { return filtered_mode_ ? kFilterChunkSize : kDirectChunkSize; }
     void feed();
     bool send_all(const uint8_t* bytes, size_t count);
     int64_t hand_out(uint8_t* buffer, size_t maximum);
 
-    database::CaptureQuery query_;
+    CaptureQuery query_;
     uint64_t range_end_;
     Readers readers_;
     bool header_sent_ = false;
@@ -95,8 +96,7 @@ int64_t counted_file_size(const std::string& path);
 
 // Checks the selection, opens the readers, primes the job and starts tshark when the query
 // carries a display filter. `pipe` replaces the default tshark pipe (tests).
-Extraction prepare_extraction(const database::CaptureQuery& query,
-                              const std::list<database::CaptureFileRecord>& files,
+Extraction prepare_extraction(const CaptureQuery& query, const std::list<CaptureFileRecord>& files,
                               std::unique_ptr<TsharkPipe> pipe = nullptr);
 
 }  // namespace vistrel::capture

@@ -33,7 +33,7 @@ TsharkPipe::~TsharkPipe() {
     close_handles();
 }
 
-int TsharkPipe::start(const database::CaptureQuery& query) {
+int TsharkPipe::start(const CaptureQuery& query) {
     say("Starting TShark\n");
     const std::string filter = time_filter_text(query);
     host::ChildProcess::Options options;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "database/captureindex.h"
+#include "capture/capturequery.h"
 #include "host/childprocess.h"
 
 namespace vistrel::capture {
@@ -25,7 +25,7 @@ class TsharkPipe {
     TsharkPipe& operator=(const TsharkPipe&) = delete;
 
     // Creates the pipes and starts `<program> -r - -w - -Y <time filter of query>`: 0 or -1.
-    int start(const database::CaptureQuery& query);
+    int start(const CaptureQuery& query);
     // The bytes the input pipe took (0 when it is full), or -1 when tshark is gone or the
     // write failed.
     int64_t send(const uint8_t* bytes, size_t count);

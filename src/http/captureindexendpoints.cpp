@@ -99,7 +99,7 @@ Reply handle_add_file(const QueryArguments& arguments) {
                     " end_ts = " + std::to_string(end) + " sources = " + *source +
                     " n_packets = " + std::to_string(packets),
                 200};
-    database::CaptureFileRecord record;
+    capture::CaptureFileRecord record;
     record.file_path = path;
     record.source = *source;
     record.es_index = *es_index;
@@ -121,7 +121,7 @@ Reply handle_cleanup(const QueryArguments& arguments) {
     Argument end_ts = arguments("end_ts");
     Argument es_index = arguments("es_index");
 
-    database::CaptureQuery query;
+    capture::CaptureQuery query;
     if (start_ts && end_ts) {
         int64_t start = to_integer(*start_ts);
         int64_t end = to_integer(*end_ts);
@@ -149,14 +149,14 @@ Reply handle_cleanup(const QueryArguments& arguments) {
         LOG_NORMAL("Applying clean up to whole Datasource");
     }
 
-    std::list<database::CaptureFileRecord> files = database::select_capture_files(query);
+    std::list<capture::CaptureFileRecord> files = database::select_capture_files(query);
     LOG_NORMAL("Found %d files", static_cast<int>(files.size()));
 
     const bool delete_files = filesystem && *filesystem == "true";
     size_t removed = 0;
     size_t errors = 0;
     if (!files.empty() && delete_files) {
-        for (const database::CaptureFileRecord& file : files) {
+        for (const capture::CaptureFileRecord& file : files) {
             // A file only: a folder registered by mistake is an error, not something to remove.
             if (::unlink(file.file_path.c_str()) == 0) {
                 ++removed;

@@ -3,14 +3,18 @@
 #include <microhttpd.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "http/reply.h"
+#include "common/reply.h"
 
 namespace vistrel::http {
 
 struct ConnectionRecord;
+
+// Looks up one GET argument of the request's query string; nullopt when absent.
+using QueryArguments = std::function<std::optional<std::string>(const std::string& key)>;
 
 struct GetRequest {
     MHD_Connection* connection;

@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "common/reply.h"
 #include "devices/tidewellfirmwareupdater.h"
-#include "http/reply.h"
 #include "session/vistrelsession.h"
 
 // Endpoints of the capture session and of the device commands. POST handlers take the body

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "http/reply.h"
+#include "common/reply.h"
 #include "http/routes.h"
 
 // The session endpoints as the route tables call them: each fetches the server's session

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "http/reply.h"
+#include "common/reply.h"
 #include "session/vistrelsession.h"
 
 // POST /analyzeCapture: a multipart form with the capture file ("file") and the analysis

@@ -39,9 +39,9 @@ std::string DeviceCommands::device_name(const devices::StatsThreadInfo& device) 
     return device.name.empty() ? session_.remembered_name(device.mac) : device.name;
 }
 
-http::Reply DeviceCommands::reply(int command, const char* result_type,
-                                  const std::vector<Outcome>& outcomes,
-                                  std::string general_message) const {
+Reply DeviceCommands::reply(int command, const char* result_type,
+                            const std::vector<Outcome>& outcomes,
+                            std::string general_message) const {
     bool all_succeeded = true;
     nlohmann::ordered_json results = nlohmann::ordered_json::array();
     CommandDocument document;
@@ -66,7 +66,7 @@ http::Reply DeviceCommands::reply(int command, const char* result_type,
     return {command_document(document), session_status(code, 200)};
 }
 
-http::Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
+Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
     std::vector<Outcome> outcomes;
     for (const auto& mac : macs) {
         Outcome outcome;
@@ -169,19 +169,19 @@ DeviceCommands::Outcome DeviceCommands::save_one(const std::string& mac,
     return outcome;
 }
 
-http::Reply DeviceCommands::save(const std::vector<SaveRequest>& requests) {
+Reply DeviceCommands::save(const std::vector<SaveRequest>& requests) {
     std::vector<Outcome> outcomes;
     for (const auto& request : requests) outcomes.push_back(save_one(request.mac, &request));
     return reply(kCommandSaveTidewells, "save_device", outcomes);
 }
 
-http::Reply DeviceCommands::restore(const std::vector<std::string>& macs) {
+Reply DeviceCommands::restore(const std::vector<std::string>& macs) {
     std::vector<Outcome> outcomes;
     for (const auto& mac : macs) outcomes.push_back(save_one(mac, nullptr));
     return reply(kCommandRestoreDevice, "restore_device", outcomes);
 }
 
-http::Reply DeviceCommands::set_time(const std::vector<TimeRequest>& requests) {
+Reply DeviceCommands::set_time(const std::vector<TimeRequest>& requests) {
     std::vector<Outcome> outcomes;
     for (const auto& request : requests) {
         Outcome outcome;
@@ -224,7 +224,7 @@ std::string DeviceCommands::resolve_firmware_file(const std::string& file) {
     return "";
 }
 
-http::Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& requests) {
+Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& requests) {
     if (devices::any_capturing()) {
         LOG_WARNING("Cannot start firmware update, a capture session is running.");
         CommandDocument document;
@@ -260,13 +260,13 @@ http::Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& 
         }
         outcomes.push_back(outcome);
     }
-    http::Reply answer = reply(kCommandFlushFirmware, "flush_tidewell_firmware", outcomes,
-                               outcomes.empty() ? "" : outcomes.front().message);
+    Reply answer = reply(kCommandFlushFirmware, "flush_tidewell_firmware", outcomes,
+                         outcomes.empty() ? "" : outcomes.front().message);
     if (unusable_input) answer.status = 400;
     return answer;
 }
 
-http::Reply DeviceCommands::firmware_status(const std::vector<std::string>& macs) {
+Reply DeviceCommands::firmware_status(const std::vector<std::string>& macs) {
     CommandDocument document;
     document.command = command_name(kCommandFirmwareStatus);
     nlohmann::ordered_json results = nlohmann::ordered_json::array();

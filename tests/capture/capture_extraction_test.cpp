@@ -15,8 +15,8 @@
 namespace vistrel::capture {
 namespace {
 
-using database::CaptureFileRecord;
-using database::CaptureQuery;
+using capture::CaptureFileRecord;
+using capture::CaptureQuery;
 using testing::PcapBuilder;
 using testing::PcapngBuilder;
 using testing::TempDir;
