@@ -7,8 +7,8 @@
 
 #include "capture/extractionjob.h"
 #include "dashboard/dashboardfilter.h"
-#include "database/captureindex.h"
 #include "dashboard/dashboardtime.h"
+#include "database/captureindex.h"
 #include "http/pages.h"
 #include "startup/logger.h"
 

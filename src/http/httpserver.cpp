@@ -89,9 +89,10 @@ QueryArguments arguments_of(MHD_Connection* connection) {
     };
 }
 
-MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
+MHD_Result dispatch_get(const HttpServer& server, MHD_Connection* connection,
+                        const std::string& url) {
     QueryArguments arguments = arguments_of(connection);
-    for (const GetRoute& route : get_routes()) {
+    for (const GetRoute& route : server.get_routes()) {
         bool matches =
             route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
         if (!matches || !route.handler) continue;
@@ -124,9 +125,9 @@ bool is_local_client(MHD_Connection* connection) {
     return text == "localhost" || text == "127.0.0.1" || text == configuration().host;
 }
 
-MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
-                         ConnectionRecord& record) {
-    for (const PostRoute& route : post_routes()) {
+MHD_Result dispatch_post(const HttpServer& server, MHD_Connection* connection,
+                         const std::string& url, ConnectionRecord& record) {
+    for (const PostRoute& route : server.post_routes()) {
         if (url != route.path || !route.handler) continue;
         Reply reply;
         try {
@@ -140,8 +141,9 @@ MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
     return send_text(connection, "Error : Unknown request " + url, 400);
 }
 
-MHD_Result handle_request(MHD_Connection* connection, const char* url_text, const char* method_text,
-                          const char* upload_data, size_t* upload_data_size, void** slot) {
+MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
+                          const char* url_text, const char* method_text, const char* upload_data,
+                          size_t* upload_data_size, void** slot) {
     const std::string url = url_text != nullptr ? url_text : "";
     const std::string method = method_text != nullptr ? method_text : "";
     // Every call is logged; the polled URLs and upload chunks only at debug level.
@@ -170,7 +172,7 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
         *upload_data_size = 0;
         return MHD_YES;
     }
-    if (method == "GET") return dispatch_get(connection, url);
+    if (method == "GET") return dispatch_get(server, connection, url);
     if (method == "OPTIONS") return send_text(connection, "Method OPTIONS is not supported", 400);
     if (method != "POST") return send_text(connection, "Error : Unknown request", 400);
 
@@ -185,18 +187,18 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
         return MHD_YES;
     }
     if (url == "/analyzeCapture" && record->upload.close_file()) LOG_NORMAL("Closed upload file");
-    return dispatch_post(connection, url, *record);
+    return dispatch_post(server, connection, url, *record);
 }
 
 // No exception may cross into libmicrohttpd: whatever escapes the dispatch (a body too large
 // for memory, a handler throwing something that is not a standard exception) closes the
 // connection instead of ending the process.
-MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_text,
+MHD_Result access_handler(void* server, MHD_Connection* connection, const char* url_text,
                           const char* method_text, const char*, const char* upload_data,
                           size_t* upload_data_size, void** slot) {
     try {
-        return handle_request(connection, url_text, method_text, upload_data, upload_data_size,
-                              slot);
+        return handle_request(*static_cast<const HttpServer*>(server), connection, url_text,
+                              method_text, upload_data, upload_data_size, slot);
     } catch (const std::exception& error) {
         LOG_ERROR("Request for url '%s' failed: %s", url_text != nullptr ? url_text : "",
                   error.what());
@@ -227,7 +229,9 @@ void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminati
 HttpServer::HttpServer()
     : firmware_updater_(std::make_unique<devices::TidewellFirmwareUpdater>()),
       engine_(std::make_unique<engine::WatchkeepProcess>()),
-      session_(std::make_unique<session::VistrelSession>(*engine_)) {}
+      session_(std::make_unique<session::VistrelSession>(*engine_)),
+      get_routes_(make_get_routes()),
+      post_routes_(make_post_routes()) {}
 
 HttpServer::~HttpServer() {
     LOG_NORMAL("Finishing server...");
@@ -246,12 +250,12 @@ int HttpServer::start() {
         MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD;
     const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
     if (address) {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
+        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
                                    MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
                                    MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&*address),
                                    MHD_OPTION_END);
     } else {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
+        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
                                    MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
                                    MHD_OPTION_END);
     }

@@ -3,15 +3,17 @@
 #include <microhttpd.h>
 
 #include <memory>
+#include <vector>
 
 #include "devices/tidewellfirmwareupdater.h"
 #include "engine/watchkeepprocess.h"
+#include "http/routes.h"
 #include "session/vistrelsession.h"
 
 namespace vistrel::http {
 
-// The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection) and
-// the long-lived objects the endpoints share.
+// The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection), the
+// long-lived objects the endpoints share and the route tables that hand requests to them.
 class HttpServer {
   public:
     // Start results.
@@ -35,16 +37,21 @@ class HttpServer {
     static HttpServer& instance();
     static void destroy();
 
-    // The long-lived objects of the session endpoints, alive as long as the server.
-    devices::TidewellFirmwareUpdater& firmware_updater() { return *firmware_updater_; }
-    engine::WatchkeepProcess& engine() { return *engine_; }
-    session::VistrelSession& session() { return *session_; }
+    // The tables in the order they are searched; the first match wins.
+    const std::vector<GetRoute>& get_routes() const { return get_routes_; }
+    const std::vector<PostRoute>& post_routes() const { return post_routes_; }
 
   private:
+    // Adding an endpoint is one line here and one handler in the subsystem doing the work.
+    std::vector<GetRoute> make_get_routes();
+    std::vector<PostRoute> make_post_routes();
+
     MHD_Daemon* daemon_ = nullptr;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
     std::unique_ptr<engine::WatchkeepProcess> engine_;
     std::unique_ptr<session::VistrelSession> session_;
+    std::vector<GetRoute> get_routes_;
+    std::vector<PostRoute> post_routes_;
 };
 
 }  // namespace vistrel::http

@@ -45,10 +45,6 @@ struct PostRoute {
     PostHandler handler;
 };
 
-// The tables in the order they are searched; the first match wins.
-const std::vector<GetRoute>& get_routes();
-const std::vector<PostRoute>& post_routes();
-
 // Adapts a handler that yields a Reply into a GET handler that sends it as text.
 GetHandler reply_handler(std::function<Reply(const QueryArguments&)> handler);
 
