@@ -1,8 +1,5 @@
 #include "http/captureindexendpoints.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
@@ -10,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "database/capturecleanup.h"
 #include "database/captureindex.h"
 #include "database/resultcodes.h"
 #include "searchindex/searchindexclient.h"
@@ -153,30 +151,11 @@ Reply handle_cleanup(const QueryArguments& arguments) {
     LOG_NORMAL("Found %d files", static_cast<int>(files.size()));
 
     const bool delete_files = filesystem && *filesystem == "true";
-    size_t removed = 0;
-    size_t errors = 0;
-    if (!files.empty() && delete_files) {
-        for (const capture::CaptureFileRecord& file : files) {
-            // A file only: a folder registered by mistake is an error, not something to remove.
-            if (::unlink(file.file_path.c_str()) == 0) {
-                ++removed;
-                LOG_NORMAL("Removed file %s", file.file_path.c_str());
-            } else {
-                ++errors;
-                LOG_ERROR("Removing file %s failed with error code: %ld", file.file_path.c_str(),
-                          static_cast<long>(errno));
-            }
-            // The row goes even when the file was already gone.
-            if (database::remove_capture_file(file.file_path) != 0) {
-                LOG_WARNING("Didnt remove file '%s' from internal database",
-                            file.file_path.c_str());
-            } else {
-                LOG_NORMAL("Removed file '%s' from internal database", file.file_path.c_str());
-            }
-        }
-    }
+    database::CleanupCounts counts;
+    if (delete_files) counts = database::delete_capture_files(files);
     Reply reply{"", 200};
-    reply.text = cleanup_reply_text(files.size(), removed, errors, delete_files, reply.status);
+    reply.text =
+        cleanup_reply_text(files.size(), counts.removed, counts.errors, delete_files, reply.status);
     LOG_NORMAL("%s", reply.text.c_str());
     return reply;
 }

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <atomic>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -11,66 +10,17 @@
 #include <string>
 
 #include "devices/deviceregistry.h"
-#include "engine/engineresult.h"
-#include "host/disk.h"
-#include "host/paths.h"
 #include "http/binding.h"
 #include "http/connectionrecord.h"
 #include "http/pages.h"
 #include "http/routes.h"
-#include "session/replies.h"
+#include "http/uploadendpoint.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 
 namespace vistrel::http {
 
 namespace {
-
-// Multipart uploads in progress. Checked and counted in two steps, so the limit is approximate
-// under simultaneous first calls; atomic only so that the count itself stays exact.
-std::atomic<uint32_t> g_uploads{0};
-constexpr uint32_t kMaxUploads = 2;
-constexpr int64_t kUploadSpace = 2147483648LL;
-
-// The first call of an upload: admission, then the post processor. MHD_NO closes the
-// connection; a queued refusal leaves the slot empty.
-MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
-    refused = false;
-    // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
-    auto refuse = [&](const char* message, uint32_t code, int status) {
-        refused = true;
-        delete record;
-        return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
-                         status);
-    };
-    if (engine::WatchkeepProcess::is_running()) {
-        LOG_WARNING("Watchkeep is already running");
-        return refuse("Vistrel is busy with another analysis, please retry later",
-                      engine::kEngineAlreadyRunning, 503);
-    }
-    if (g_uploads > kMaxUploads - 1) {
-        LOG_WARNING("Max number of uploaders reached");
-        return refuse("Vistrel is busy with another analysis, please retry later",
-                      engine::kEngineAlreadyRunning, 503);
-    }
-    // Measured under the profile's own Vistrel folder, whatever upload folder is configured.
-    if (host::free_space(host::profile_folder() + "/Documents/Vistrel/analyzed_captures") <
-        kUploadSpace) {
-        LOG_WARNING("Low disk space");
-        return refuse("Low disk space, (min 2GB)", engine::kEngineNotExecuted, 507);
-    }
-    LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
-    record->post_processor =
-        MHD_create_post_processor(connection, 512, upload_iterator, &record->upload);
-    if (record->post_processor == nullptr) {
-        delete record;
-        return MHD_NO;
-    }
-    LOG_NORMAL("Iteratepost postprocessor made");
-    ++g_uploads;
-    LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
-    return MHD_YES;
-}
 
 std::unique_ptr<HttpServer> g_server;
 std::mutex g_server_creation;
@@ -211,13 +161,7 @@ MHD_Result access_handler(void* server, MHD_Connection* connection, const char* 
 void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {
     auto* record = static_cast<ConnectionRecord*>(*slot);
     if (record == nullptr) return;
-    if (record->post_processor != nullptr) {
-        MHD_destroy_post_processor(record->post_processor);
-        record->post_processor = nullptr;
-        LOG_NORMAL("Destroyed postprocessor");
-        --g_uploads;
-        LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
-    }
+    end_upload(*record);
     // Still open here means the last chunk never came: the stored file is incomplete.
     if (record->upload.discard_file()) LOG_NORMAL("Request completed: Closed upload file");
     delete record;

@@ -3,11 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <exception>
 
 #include "capture/capturefile.h"
+#include "engine/engineresult.h"
+#include "engine/watchkeepprocess.h"
 #include "host/disk.h"
+#include "host/paths.h"
+#include "http/connectionrecord.h"
+#include "http/pages.h"
 #include "session/replies.h"
 #include "session/startrequest.h"
 #include "startup/configuration.h"
@@ -75,6 +81,12 @@ MHD_Result open_upload_file(UploadState& upload, const char* filename) {
     LOG_NORMAL("Made new upload file at '%s'", path.c_str());
     return MHD_YES;
 }
+
+// Uploads in progress. Checked and counted in two steps, so the limit is approximate
+// under simultaneous first calls; atomic only so that the count itself stays exact.
+std::atomic<uint32_t> g_uploads{0};
+constexpr uint32_t kMaxUploads = 2;
+constexpr int64_t kUploadSpace = 2147483648LL;
 
 }  // namespace
 
@@ -172,6 +184,53 @@ Reply handle_analyze_capture(session::VistrelSession& session, UploadState& uplo
                 400};
     }
     return session.start_analysis(std::move(request), upload.path);
+}
+
+MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
+    refused = false;
+    // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
+    auto turn_away = [&](const char* message, uint32_t code, int status) {
+        refused = true;
+        delete record;
+        return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
+                         status);
+    };
+    if (engine::WatchkeepProcess::is_running()) {
+        LOG_WARNING("Watchkeep is already running");
+        return turn_away("Vistrel is busy with another analysis, please retry later",
+                         engine::kEngineAlreadyRunning, 503);
+    }
+    if (g_uploads > kMaxUploads - 1) {
+        LOG_WARNING("Max number of uploaders reached");
+        return turn_away("Vistrel is busy with another analysis, please retry later",
+                         engine::kEngineAlreadyRunning, 503);
+    }
+    // Measured under the profile's own Vistrel folder, whatever upload folder is configured.
+    if (host::free_space(host::profile_folder() + "/Documents/Vistrel/analyzed_captures") <
+        kUploadSpace) {
+        LOG_WARNING("Low disk space");
+        return turn_away("Low disk space, (min 2GB)", engine::kEngineNotExecuted, 507);
+    }
+    LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
+    record->post_processor =
+        MHD_create_post_processor(connection, 512, upload_iterator, &record->upload);
+    if (record->post_processor == nullptr) {
+        delete record;
+        return MHD_NO;
+    }
+    LOG_NORMAL("Iteratepost postprocessor made");
+    ++g_uploads;
+    LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
+    return MHD_YES;
+}
+
+void end_upload(ConnectionRecord& record) {
+    if (record.post_processor == nullptr) return;
+    MHD_destroy_post_processor(record.post_processor);
+    record.post_processor = nullptr;
+    LOG_NORMAL("Destroyed postprocessor");
+    --g_uploads;
+    LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
 }
 
 }  // namespace vistrel::http

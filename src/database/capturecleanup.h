@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <list>
+
+#include "capture/capturefilerecord.h"
+
+namespace vistrel::database {
+
+struct CleanupCounts {
+    size_t removed = 0;  // files deleted from the disk
+    size_t errors = 0;   // files that could not be deleted
+};
+
+// Deletes each file and its row of the capture index; the row goes even when the file was
+// already gone. Only files are deleted: a folder registered by mistake counts as an error.
+CleanupCounts delete_capture_files(const std::list<capture::CaptureFileRecord>& files);
+
+}  // namespace vistrel::database
