@@ -4,6 +4,7 @@
 #include <exception>
 #include <nlohmann/json.hpp>
 
+#include "TidewellDefaults.h"
 #include "devices/deviceoperations.h"
 #include "devices/deviceregistry.h"
 #include "devices/devicetime.h"
@@ -90,27 +91,7 @@ Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
 }
 
 TidewellAPIFeatures DeviceCommands::default_features(uint16_t hw_firmware_id) {
-    TidewellAPIFeatures features{};
-    features.DisablePortA = TidewellAPIState_Off;
-    features.DisablePortB = TidewellAPIState_Off;
-    features.EnableTimestamps = TidewellAPIState_On;
-    features.ForcePPSGeneration = TidewellAPIState_Off;
-    features.InlineMode = TidewellAPIState_Off;
-    features.KeepCRC32Field = TidewellAPIState_Off;
-    features.Loopback = TidewellAPIState_Off;
-    features.PPSOutput = TidewellAPIState_Off;
-    features.PortATimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.PortBTimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.Slicing = TidewellAPIState_Off;
-    features.StatisticsOnly = TidewellAPIState_Off;
-    features.SyncTimestamps = TidewellAPIState_Off;
-    features.TimeInitSource = TidewellAPITimeSource_Internal;
-    features.TransmitCrcErrors = TidewellAPIState_Off;
-    features.WaitForSync = TidewellAPIState_Off;
-    features.HWFirmwareId = hw_firmware_id;
-    features.SlicingLength = 0;
-    features.PPSCompensation = 0;
-    return features;
+    return tidewell_factory_features(hw_firmware_id);
 }
 
 TidewellAPIPortsSpeed DeviceCommands::default_port_speeds(const TidewellAPIPortsSpeed& current) {
