@@ -9,8 +9,10 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "devices/deviceregistry.h"
+#include "devices/firmwarestash.h"
 #include "engine/engineresult.h"
 #include "host/disk.h"
 #include "host/paths.h"
@@ -227,15 +229,24 @@ void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminati
 HttpServer::HttpServer()
     : firmware_updater_(std::make_unique<devices::TidewellFirmwareUpdater>()),
       engine_(std::make_unique<engine::WatchkeepProcess>()),
-      session_(std::make_unique<session::VistrelSession>(*engine_)) {}
+      session_(std::make_unique<session::VistrelSession>(*engine_)) {
+    // Read once here so that a missing or broken catalogue shows in the start-up log; the
+    // firmware requests read it afresh.
+    std::vector<devices::FirmwareImage> catalogue;
+    devices::read_firmware_catalogue(host::firmware_catalogue_path(), catalogue);
+}
 
 HttpServer::~HttpServer() {
-    LOG_NORMAL("Finishing server...");
     firmware_updater_.reset();
-    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
     stop_daemon();
     session_.reset();
     engine_.reset();
+}
+
+void HttpServer::finish() {
+    LOG_NORMAL("Finishing server...");
+    firmware_updater_.reset();
+    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
 }
 
 int HttpServer::start() {
@@ -274,6 +285,12 @@ HttpServer& HttpServer::instance() {
 }
 
 void HttpServer::destroy() {
+    std::lock_guard<std::mutex> lock(g_server_creation);
+    if (g_server) g_server->finish();
+    g_server.reset();
+}
+
+void HttpServer::discard() {
     std::lock_guard<std::mutex> lock(g_server_creation);
     g_server.reset();
 }

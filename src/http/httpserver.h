@@ -20,7 +20,7 @@ class HttpServer {
     static constexpr int kDaemonFailed = 2;
 
     HttpServer();
-    // Stops the daemon and releases the device library.
+    // Stops the daemon and frees the long-lived objects; the device library is left as it is.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -31,9 +31,12 @@ class HttpServer {
     void stop_daemon();
     bool running() const { return daemon_ != nullptr; }
 
-    // The process-wide server, created on first use; destroy() ends it at shut-down.
+    // The process-wide server, created on first use; destroy() ends it at shut-down and also
+    // releases the device library, discard() frees it on an early exit without any shut-down
+    // step.
     static HttpServer& instance();
     static void destroy();
+    static void discard();
 
     // The long-lived objects of the session endpoints, alive as long as the server.
     devices::TidewellFirmwareUpdater& firmware_updater() { return *firmware_updater_; }
@@ -41,6 +44,9 @@ class HttpServer {
     session::VistrelSession& session() { return *session_; }
 
   private:
+    // The shut-down steps before destruction: the log line, the firmware updater, the library.
+    void finish();
+
     MHD_Daemon* daemon_ = nullptr;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
     std::unique_ptr<engine::WatchkeepProcess> engine_;
