@@ -3,9 +3,12 @@
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <exception>
 #include <list>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <stdexcept>
+#include <string>
 
 #include "database/capturecleanup.h"
 #include "database/captureindex.h"
@@ -201,14 +204,17 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
 
 Reply handle_search(const std::string& body) {
     LOG_DEBUG("Got Grafana's Simple Json %s request to get my address", "/search");
-    nlohmann::json document = nlohmann::json::parse(body, nullptr, false);
-    if (document.is_object()) {
-        auto target = document.find("target");
-        if (target != document.end() && target->is_string() &&
-            target->get<std::string>() == "cs_address") {
-            return {"[\"" + own_server_address() + "\"]", 200};
-        }
+    std::string target;
+    try {
+        const nlohmann::json document = nlohmann::json::parse(body);
+        const auto member = document.find("target");
+        if (member == document.end())
+            throw std::runtime_error("JSON Parsing error: Non optional field [target] not found");
+        target = member->get<std::string>();
+    } catch (const std::exception& error) {
+        LOG_ERROR("Exception parsing SimpleJsonSearch: %s", error.what());
     }
+    if (target == "cs_address") return {"[\"" + own_server_address() + "\"]", 200};
     return {"Unhandled search request", 400};
 }
 

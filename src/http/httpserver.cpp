@@ -8,8 +8,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "devices/deviceregistry.h"
+#include "devices/firmwarestash.h"
+#include "host/paths.h"
 #include "http/binding.h"
 #include "http/connectionrecord.h"
 #include "http/pages.h"
@@ -175,15 +178,24 @@ HttpServer::HttpServer()
       engine_(std::make_unique<engine::WatchkeepProcess>()),
       session_(std::make_unique<session::VistrelSession>(*engine_)),
       get_routes_(make_get_routes()),
-      post_routes_(make_post_routes()) {}
+      post_routes_(make_post_routes()) {
+    // Read once here so that a missing or broken catalogue shows in the start-up log; the
+    // firmware requests read it afresh.
+    std::vector<devices::FirmwareImage> catalogue;
+    devices::read_firmware_catalogue(host::firmware_catalogue_path(), catalogue);
+}
 
 HttpServer::~HttpServer() {
-    LOG_NORMAL("Finishing server...");
     firmware_updater_.reset();
-    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
     stop_daemon();
     session_.reset();
     engine_.reset();
+}
+
+void HttpServer::finish() {
+    LOG_NORMAL("Finishing server...");
+    firmware_updater_.reset();
+    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
 }
 
 int HttpServer::start() {
@@ -222,6 +234,12 @@ HttpServer& HttpServer::instance() {
 }
 
 void HttpServer::destroy() {
+    std::lock_guard<std::mutex> lock(g_server_creation);
+    if (g_server) g_server->finish();
+    g_server.reset();
+}
+
+void HttpServer::discard() {
     std::lock_guard<std::mutex> lock(g_server_creation);
     g_server.reset();
 }

@@ -22,7 +22,7 @@ class HttpServer {
     static constexpr int kDaemonFailed = 2;
 
     HttpServer();
-    // Stops the daemon and releases the device library.
+    // Stops the daemon and frees the long-lived objects; the device library is left as it is.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -33,9 +33,12 @@ class HttpServer {
     void stop_daemon();
     bool running() const { return daemon_ != nullptr; }
 
-    // The process-wide server, created on first use; destroy() ends it at shut-down.
+    // The process-wide server, created on first use; destroy() ends it at shut-down and also
+    // releases the device library, discard() frees it on an early exit without any shut-down
+    // step.
     static HttpServer& instance();
     static void destroy();
+    static void discard();
 
     // The tables in the order they are searched; the first match wins.
     const std::vector<GetRoute>& get_routes() const { return get_routes_; }
@@ -45,6 +48,8 @@ class HttpServer {
     // Adding an endpoint is one line here and one handler in the subsystem doing the work.
     std::vector<GetRoute> make_get_routes();
     std::vector<PostRoute> make_post_routes();
+    // The shut-down steps before destruction: the log line, the firmware updater, the library.
+    void finish();
 
     MHD_Daemon* daemon_ = nullptr;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;

@@ -74,9 +74,10 @@ MHD_Result open_upload_file(UploadState& upload, const char* filename) {
     }
     upload.file = std::fopen(path.c_str(), "ab");
     if (upload.file == nullptr) {
+        // No answer of its own: the request ends as an unknown error.
         LOG_ERROR("Could not open upload file '%s' with Erc: %ld", path.c_str(),
                   static_cast<long>(errno));
-        return refuse(upload, 500, "Error for upload destination path");
+        return MHD_NO;
     }
     LOG_NORMAL("Made new upload file at '%s'", path.c_str());
     return MHD_YES;
@@ -134,9 +135,10 @@ MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, c
         return MHD_YES;
     }
     if (std::fwrite(data, 1, size, upload.file) != size) {
+        // The half-written file goes, so the request ends as an upload that was not made.
         LOG_ERROR("Could not write upload file '%s'", upload.path.c_str());
         upload.discard_file();
-        return refuse(upload, 500, "Could not write upload file");
+        return MHD_NO;
     }
     upload.answer = kUploadDone;
     upload.status = 200;
@@ -145,7 +147,8 @@ MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, c
 
 Reply handle_analyze_capture(session::VistrelSession& session, UploadState& upload, bool local) {
     int status = upload.status < 1 ? 500 : upload.status;
-    if (!upload.answer) return {"Unknown error", status == 200 ? 400 : status};
+    // No good chunk came (no "file" field, or its file could not be made): never a success.
+    if (!upload.answer) return {"Unknown error", 500};
     if (upload.path.empty()) {
         // Failures that already wrote a command reply keep it.
         if (!upload.answer->empty() && upload.answer->front() == '{')

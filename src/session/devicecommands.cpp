@@ -219,7 +219,10 @@ Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& reques
     for (const auto& request : requests) {
         Outcome outcome;
         outcome.mac = request.mac;
-        std::string path = resolve_firmware_file(request.firmware_file);
+        // A path too long for the updater goes to it as it is, so that it says why.
+        const bool too_long = request.firmware_file.size() > devices::MaxFirmwarePathLength;
+        std::string path =
+            too_long ? request.firmware_file : resolve_firmware_file(request.firmware_file);
         if (path.empty()) {
             unusable_input = true;
             outcome.message = "Incorrect input firmware. Failure to update device.";

@@ -93,6 +93,37 @@ TEST_F(HttpCoreTest, HostDocumentsAnswer) {
     EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
 }
 
+// Each request reader says in the log, at error level, why a body could not be read.
+TEST_F(HttpCoreTest, UnreadableBodiesAreLoggedByTheirReader) {
+    const std::string no_mac = R"({"tidewells":[{"name":"x"}]})";
+    const std::string missing_mac = "JSON Parsing error: Non optional field [mac] not found";
+    struct Case {
+        std::string path, body, line;
+    };
+    const std::vector<Case> cases = {
+        {"/startCapture",
+         R"({"tidewells":[{"model":"Tidewell Pro","friendly_name":"a","mac":"00:1b:c5:00:00:01",
+             "file_name":"a","max_nr_files":1,"loop_capture":0,"keep_files":1}]})",
+         "Exception parsing tidewells array: JSON Parsing error: Non optional field "
+         "[capture_time] not found"},
+        {"/restartTidewell", no_mac, "Exception parsing JSON for RestartDevice: " + missing_mac},
+        {"/saveTidewell", no_mac, "Exception parsing JSON for GetSaveTidewell: " + missing_mac},
+        {"/setDeviceTime", no_mac, "Exception parsing GetSetDeviceTime: " + missing_mac},
+        {"/updateTidewellFirmware", no_mac,
+         "Exception parsing GetUpdateTidewellFirmware: " + missing_mac},
+        {"/getTidewellFirmwareUpdateStatus", no_mac,
+         "Exception parsing get_tidewell_firmware_update_status: " + missing_mac},
+        {"/search", R"({"query":"cs_address"})",
+         "Exception parsing SimpleJsonSearch: JSON Parsing error: Non optional field [target] "
+         "not found"},
+        {"/search", "{not json", "Exception parsing SimpleJsonSearch: [json.exception.parse_error"},
+    };
+    for (const auto& [path, body, line] : cases) {
+        EXPECT_EQ(client().post(path, body).status, 400) << path;
+        EXPECT_TRUE(server_->wait_for_log("ERROR: " + line, 5)) << line;
+    }
+}
+
 // A socket connected to the server; -1 if the connection fails.
 int connect_to(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
