@@ -80,7 +80,10 @@ ARGUS_NS=$(best 'argus -r "$WORK/traffic.pcap" -w /dev/null')
 TSHARK_PACKETS=${BENCH_TSHARK_PACKETS:-200000}
 [ "$TSHARK_PACKETS" -gt "$PACKETS" ] && TSHARK_PACKETS=$PACKETS
 editcap -r "$WORK/traffic.pcap" "$WORK/slice.pcap" "1-$TSHARK_PACKETS"
-TSHARK_NS=$(RUNS=1 best 'tshark -r "$WORK/slice.pcap" -q -z conv,ip')
+SAVED_RUNS=$RUNS
+RUNS=1
+TSHARK_NS=$(best 'tshark -r "$WORK/slice.pcap" -q -z conv,ip')
+RUNS=$SAVED_RUNS
 TSHARK_NS=$(awk -v t="$TSHARK_NS" -v s="$TSHARK_PACKETS" -v n="$PACKETS" 'BEGIN { printf "%.0f", t * n / s }')
 
 INDEX_PPS=$(per_second "$PACKETS" "$INDEX_NS")
