@@ -32,6 +32,7 @@ bench:
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(RELEASE_DIR) -j$(JOBS)
 	./bench/run-bench.sh $(RELEASE_DIR)
+	./bench/run-index-bench.sh $(RELEASE_DIR)
 
 fuzz:
 	./scripts/install-deps.sh --fuzz

@@ -6,7 +6,7 @@ PACKAGES="build-essential cmake pkg-config libmicrohttpd-dev libyaml-cpp-dev lib
 libcurl4-openssl-dev nlohmann-json3-dev libpugixml-dev libgtest-dev libgmock-dev \
 libbenchmark-dev tshark wireshark-common curl"
 if [ "${1:-}" = "--bench" ]; then
-    PACKAGES="$PACKAGES nginx-light"
+    PACKAGES="$PACKAGES nginx-light softflowd argus-server libpcap-dev"
 fi
 if [ "${1:-}" = "--fuzz" ]; then
     PACKAGES="$PACKAGES clang libclang-rt-14-dev"
