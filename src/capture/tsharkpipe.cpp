@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/ioctl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -111,6 +111,9 @@ int TsharkPipe::start(const database::CaptureQuery& query) {
         return -1;
     }
     pid_ = pid;
+    // tshark holds its own ends now; with ours closed, its exit is the end of the output.
+    close_fd(child_input_read_);
+    close_fd(child_output_write_);
     return 0;
 }
 
@@ -138,18 +141,21 @@ int64_t TsharkPipe::send(const uint8_t* bytes, size_t count) {
 }
 
 int64_t TsharkPipe::receive(uint8_t* buffer, size_t capacity) {
-    if (finished()) return -1;
-    int waiting = 0;
-    if (::ioctl(output_read_, FIONREAD, &waiting) != 0) {
+    if (output_ended()) return 0;
+    pollfd waiting{output_read_, POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, kReceiveWaitMs);
+    if (ready < 0 && errno != EINTR) {
         say("Failed to peek at data from TShark\n");
         return -1;
     }
-    if (waiting <= 0) return 0;
-    const ssize_t got = ::read(output_read_, buffer, std::min(capacity, size_t(waiting)));
+    if (ready <= 0) return 0;
+    const ssize_t got = ::read(output_read_, buffer, capacity);
     if (got < 0) {
+        if (errno == EINTR) return 0;
         say("Failed to get data from TShark\n");
         return -1;
     }
+    if (got == 0) output_ended_.store(true);
     return got;
 }
 
@@ -157,8 +163,13 @@ int TsharkPipe::stop() {
     close_fd(input_write_);
     if (pid_ != -1) {
         siginfo_t info{};
-        while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 &&
+        int result;
+        while ((result = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT)) !=
+                   0 &&
                errno == EINTR) {
+        }
+        if (result == 0) {
+            exit_status_.store(info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status);
         }
     }
     finished_.store(1);
