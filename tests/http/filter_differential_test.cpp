@@ -25,32 +25,6 @@ namespace {
 constexpr uint64_t kMillisecond = 1000000ull;
 constexpr uint64_t kBase = 1710000000ull * 1000000000ull;
 
-// A pcapng stream's packets (timestamp in nanoseconds, bytes), in stream order: the server's
-// own header or the one tshark writes, both with nanosecond interfaces.
-using Packets = std::vector<std::pair<uint64_t, std::string>>;
-
-Packets stream_packets(const std::string& stream) {
-    Packets packets;
-    for (size_t at = 0; at + 12 <= stream.size();) {
-        uint32_t type, length;
-        std::memcpy(&type, stream.data() + at, 4);
-        std::memcpy(&length, stream.data() + at + 4, 4);
-        if (length < 12 || at + length > stream.size()) {
-            ADD_FAILURE() << "broken block at " << at;
-            break;
-        }
-        if (type == 6) {
-            uint32_t high, low, captured;
-            std::memcpy(&high, stream.data() + at + 12, 4);
-            std::memcpy(&low, stream.data() + at + 16, 4);
-            std::memcpy(&captured, stream.data() + at + 20, 4);
-            packets.emplace_back(uint64_t{high} << 32 | low, stream.substr(at + 28, captured));
-        }
-        at += length;
-    }
-    return packets;
-}
-
 // tshark's selection from a file: the timestamps of the packets, in file order.
 std::vector<uint64_t> tshark_selection(const std::string& path, const std::string& filter) {
     const std::string output = run_command("tshark -r " + path + " -Y '" + filter +
@@ -215,7 +189,7 @@ class FilterDifferentialTest : public ::testing::Test {
         if (fast) {
             EXPECT_EQ(response.body.compare(0, 92, extract_header()), 0) << context;
         }
-        const Packets got = stream_packets(response.body);
+        const PacketList got = pcapng_packets(response.body);
         EXPECT_EQ(got.size(), wanted.size()) << context;
         for (size_t i = 0; i < got.size() && i < wanted.size(); ++i) {
             EXPECT_EQ(got[i].first, wanted[i]) << "packet " << i << " of " << context;
