@@ -21,8 +21,8 @@ std::unique_ptr<BpfProgram> BpfProgram::compile(const std::string& expression, i
         return nullptr;
     }
     auto program = std::make_unique<BpfProgram>(Compiled{});
-    if (pcap_compile(dead.get(), &program->program_, expression.c_str(), 1,
-                     PCAP_NETMASK_UNKNOWN) != 0) {
+    if (pcap_compile(dead.get(), &program->program_, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) !=
+        0) {
         error = pcap_geterr(dead.get());
         program->program_ = {};
         return nullptr;

@@ -59,21 +59,47 @@ std::vector<Field> make_fields() {
         {"eth.type", ValueKind::kNumber, "ether[12:2] > 1500", {{{"", "ether[12:2]"}}}, {}, 0xffff},
         {"ip.proto", ValueKind::kNumber, "ip", {{{"", "ip[9]"}}}, {}, 0xff},
         {"ip.ttl", ValueKind::kNumber, "ip", {{{"", "ip[8]"}}}, {}, 0xff},
-        {"tcp.srcport", ValueKind::kNumber, "tcp", {{{kTcp4, "tcp[0:2]"}, {kTcp6, "ip6[40:2]"}}},
-         {}, 0xffff},
-        {"tcp.dstport", ValueKind::kNumber, "tcp", {{{kTcp4, "tcp[2:2]"}, {kTcp6, "ip6[42:2]"}}},
-         {}, 0xffff},
-        {"tcp.port", ValueKind::kNumber, "tcp",
+        {"tcp.srcport",
+         ValueKind::kNumber,
+         "tcp",
+         {{{kTcp4, "tcp[0:2]"}, {kTcp6, "ip6[40:2]"}}},
+         {},
+         0xffff},
+        {"tcp.dstport",
+         ValueKind::kNumber,
+         "tcp",
+         {{{kTcp4, "tcp[2:2]"}, {kTcp6, "ip6[42:2]"}}},
+         {},
+         0xffff},
+        {"tcp.port",
+         ValueKind::kNumber,
+         "tcp",
          {{{kTcp4, "tcp[0:2]"}, {kTcp6, "ip6[40:2]"}}, {{kTcp4, "tcp[2:2]"}, {kTcp6, "ip6[42:2]"}}},
-         {}, 0xffff},
-        {"udp.srcport", ValueKind::kNumber, "udp", {{{kUdp4, "udp[0:2]"}, {kUdp6, "ip6[40:2]"}}},
-         {}, 0xffff},
-        {"udp.dstport", ValueKind::kNumber, "udp", {{{kUdp4, "udp[2:2]"}, {kUdp6, "ip6[42:2]"}}},
-         {}, 0xffff},
-        {"udp.port", ValueKind::kNumber, "udp",
+         {},
+         0xffff},
+        {"udp.srcport",
+         ValueKind::kNumber,
+         "udp",
+         {{{kUdp4, "udp[0:2]"}, {kUdp6, "ip6[40:2]"}}},
+         {},
+         0xffff},
+        {"udp.dstport",
+         ValueKind::kNumber,
+         "udp",
+         {{{kUdp4, "udp[2:2]"}, {kUdp6, "ip6[42:2]"}}},
+         {},
+         0xffff},
+        {"udp.port",
+         ValueKind::kNumber,
+         "udp",
          {{{kUdp4, "udp[0:2]"}, {kUdp6, "ip6[40:2]"}}, {{kUdp4, "udp[2:2]"}, {kUdp6, "ip6[42:2]"}}},
-         {}, 0xffff},
-        {"tcp.flags", ValueKind::kNumber, "tcp", {{{kTcp4, kTcpFlags4}, {kTcp6, kTcpFlags6}}}, {},
+         {},
+         0xffff},
+        {"tcp.flags",
+         ValueKind::kNumber,
+         "tcp",
+         {{{kTcp4, kTcpFlags4}, {kTcp6, kTcpFlags6}}},
+         {},
          0xfff},
     };
     constexpr std::array<std::pair<std::string_view, uint64_t>, 8> kFlags = {{
@@ -87,8 +113,13 @@ std::vector<Field> make_fields() {
         {"tcp.flags.cwr", 0x80},
     }};
     for (const auto& [name, mask] : kFlags) {
-        fields.push_back({name, ValueKind::kFlag, "tcp",
-                          {{{kTcp4, kTcpFlags4}, {kTcp6, kTcpFlags6}}}, {}, 1, mask});
+        fields.push_back({name,
+                          ValueKind::kFlag,
+                          "tcp",
+                          {{{kTcp4, kTcpFlags4}, {kTcp6, kTcpFlags6}}},
+                          {},
+                          1,
+                          mask});
     }
     return fields;
 }
@@ -121,9 +152,8 @@ bool is_word_char(char c) {
 }
 
 std::vector<std::string> tokenize(std::string_view text) {
-    static constexpr std::array<std::string_view, 11> kSymbols = {"&&", "||", "==", "!=", "<=",
-                                                                  ">=", "<",  ">",  "!",  "(",
-                                                                  ")"};
+    static constexpr std::array<std::string_view, 11> kSymbols = {
+        "&&", "||", "==", "!=", "<=", ">=", "<", ">", "!", "(", ")"};
     std::vector<std::string> tokens;
     size_t at = 0;
     while (at < text.size()) {
@@ -149,7 +179,8 @@ std::vector<std::string> tokenize(std::string_view text) {
                 break;
             }
         }
-        if (!found) throw Unsupported{"unsupported syntax at '" + std::string(text.substr(at)) + "'"};
+        if (!found)
+            throw Unsupported{"unsupported syntax at '" + std::string(text.substr(at)) + "'"};
     }
     return tokens;
 }
@@ -311,7 +342,8 @@ class Parser {
                 }
             }
             std::vector<std::string> tests;
-            for (std::string_view pattern : field.match) tests.push_back(replace_value(pattern, text));
+            for (std::string_view pattern : field.match)
+                tests.push_back(replace_value(pattern, text));
             equal = any_of(tests);
             if (op == "=") return equal;
         } else {
@@ -344,7 +376,8 @@ class Parser {
                 }
             }
             equal = any_of(tests);
-            if (!field.presence.empty()) equal = "(" + std::string(field.presence) + " and " + equal + ")";
+            if (!field.presence.empty())
+                equal = "(" + std::string(field.presence) + " and " + equal + ")";
             if (op != "!=") return equal;
         }
         if (field.presence.empty()) return "not " + equal;

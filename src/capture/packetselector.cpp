@@ -14,9 +14,9 @@ namespace {
 // GTP, Teredo, L2TP, LISP, sFlow, TZSP, AMT, GRE and MPLS over UDP, CAPWAP, LWAPP, PeekRemote,
 // rpcap, Juniper packet mirror, B.A.T.M.A.N., WASSP, OpenFlow).
 constexpr const char* kTunnelPorts[] = {
-    "4789", "8472", "4790",  "6081",  "2152",  "2123",  "3544",  "1701",  "4341",  "4342",
-    "6343", "37008", "2268", "4754",  "6635",  "5246",  "5247",  "12220", "12222", "12223",
-    "5000", "2002",  "30030", "4305", "4306",  "4307",  "13907", "13910", "6633",  "6653"};
+    "4789", "8472",  "4790",  "6081", "2152", "2123", "3544",  "1701",  "4341",  "4342",
+    "6343", "37008", "2268",  "4754", "6635", "5246", "5247",  "12220", "12222", "12223",
+    "5000", "2002",  "30030", "4305", "4306", "4307", "13907", "13910", "6633",  "6653"};
 
 // EtherTypes that carry further headers (VLAN tags, MPLS, PPPoE, PBB, transparent bridging,
 // NSH, VN-tag, ERSPAN) or that tshark reads as ARP (RARP).
@@ -55,11 +55,12 @@ std::string build_plain_traffic_bpf() {
         "(ether[12:2] = 0x800 and (ip[0] & 0xf0) = 0x40 and (ip[0] & 0xf) >= 5 and ip[2:2] >= " +
         ihl + " and len >= 14 + ip[2:2] and (ip[6:2] & 0x3fff) = 0 and (" +
         // TCP: a whole header inside the IP payload.
-        "(ip[9] = 6 and ip[2:2] >= " + ihl + " + 20 and (tcp[12] & 0xf0) >= 0x50 and ip[2:2] >= " +
-        ihl + " + (tcp[12] & 0xf0) / 4 and not " + tunnel_ports("tcp") + ")" +
+        "(ip[9] = 6 and ip[2:2] >= " + ihl +
+        " + 20 and (tcp[12] & 0xf0) >= 0x50 and ip[2:2] >= " + ihl +
+        " + (tcp[12] & 0xf0) / 4 and not " + tunnel_ports("tcp") + ")" +
         // UDP: a consistent length, no tunnel port.
-        " or (ip[9] = 17 and ip[2:2] >= " + ihl + " + 8 and udp[4:2] >= 8 and ip[2:2] >= " +
-        ihl + " + udp[4:2] and not " + tunnel_ports("udp") + ")" +
+        " or (ip[9] = 17 and ip[2:2] >= " + ihl + " + 8 and udp[4:2] >= 8 and ip[2:2] >= " + ihl +
+        " + udp[4:2] and not " + tunnel_ports("udp") + ")" +
         // ICMP other than errors, which quote another packet.
         " or (ip[9] = 1 and ip[2:2] >= " + ihl + " + 8 and " +
         one_of("icmp[0]", {"0", "8", "13", "14"}) + ")" +
@@ -68,8 +69,9 @@ std::string build_plain_traffic_bpf() {
 
     const std::string ipv6 =
         "(ether[12:2] = 0x86dd and (ip6[0] & 0xf0) = 0x60 and len >= 54 + ip6[4:2] and (" +
-        std::string("(ip6[6] = 6 and ip6[4:2] >= 20 and (ip6[52] & 0xf0) >= 0x50 and ip6[4:2] >= "
-                    "(ip6[52] & 0xf0) / 4 and not ") +
+        std::string(
+            "(ip6[6] = 6 and ip6[4:2] >= 20 and (ip6[52] & 0xf0) >= 0x50 and ip6[4:2] >= "
+            "(ip6[52] & 0xf0) / 4 and not ") +
         tunnel_ports("tcp") + ")" +
         " or (ip6[6] = 17 and ip6[4:2] >= 8 and ip6[44:2] >= 8 and ip6[4:2] >= ip6[44:2] and "
         "not " +
@@ -80,8 +82,7 @@ std::string build_plain_traffic_bpf() {
         ")" + " or ip6[6] = 59 or ip6[6] = 50))";
 
     // Cisco ISL frames hide a whole frame behind their first bytes.
-    const std::string isl =
-        "((ether[0] = 0x01 or ether[0] = 0x0c) and ether[1:4] = 0x000c0000)";
+    const std::string isl = "((ether[0] = 0x01 or ether[0] = 0x0c) and ether[1:4] = 0x000c0000)";
     return "not " + isl + " and (" + ipv4 + " or " + ipv6 + " or ether[12:2] = 0x806" +
            " or (ether[12:2] <= 1500 and ether[14:2] != 0xaaaa)" +
            " or (ether[12:2] > 1500 and not " + encapsulating +
@@ -104,8 +105,8 @@ PacketSelector::PacketSelector(std::string expression, std::unique_ptr<BpfProgra
                                std::unique_ptr<BpfProgram> plain)
     : expression_(std::move(expression)), filter_(std::move(filter)), plain_(std::move(plain)) {}
 
-std::unique_ptr<PacketSelector> PacketSelector::create(const std::string& expression,
-                                                       int link_type, std::string& error) {
+std::unique_ptr<PacketSelector> PacketSelector::create(const std::string& expression, int link_type,
+                                                       std::string& error) {
     auto filter = BpfProgram::compile(expression, link_type, error);
     if (!filter) return nullptr;
     auto plain = BpfProgram::compile(plain_traffic_bpf(), link_type, error);

@@ -1,8 +1,8 @@
 #include "capture/tsharkpipe.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -202,7 +202,11 @@ TEST_F(ExtractionTest, FilteredStreamHoldsOnlyTheMatchingPacketsOfTheRangeOnEith
     // Even packets carry port 53: 4, 6, ..., 22 (24 is stamped exactly at the end).
     std::string wanted;
     for (uint64_t i = 4; i <= 22; i += 2) {
-        wanted += "53\t" + epoch_text(kBase + i * kSecond + (i >= 20 ? 7 : i >= 10 ? 250000 : 0)) +
+        wanted += "53\t" +
+                  epoch_text(kBase + i * kSecond +
+                             (i >= 20   ? 7
+                              : i >= 10 ? 250000
+                                        : 0)) +
                   "\n";
     }
     std::string fast_bytes;
@@ -287,9 +291,8 @@ TEST_F(FilterProgramTest, OutputLeftInThePipeAfterTheFilterExitedIsStillDelivere
     // reader starts: what it wrote must all arrive.
     ConsoleCapture capture;
     const auto files = packets(300);
-    Extraction extraction =
-        prepare_extraction(query_, files, through_tshark(std::make_unique<TsharkPipe>(
-                                              program("cat.sh", "exec cat"))));
+    Extraction extraction = prepare_extraction(
+        query_, files, through_tshark(std::make_unique<TsharkPipe>(program("cat.sh", "exec cat"))));
     ASSERT_TRUE(extraction.job);
     wait_for_feeder();
     int64_t end = 0;

@@ -13,7 +13,8 @@ namespace {
 
 std::string translated(const std::vector<std::string>& filters, bool bidirectional) {
     std::vector<dashboard::DashboardFilter> triples;
-    for (const auto& filter : filters) dashboard::collect_user_filter("var-Filters", filter.c_str(), triples);
+    for (const auto& filter : filters)
+        dashboard::collect_user_filter("var-Filters", filter.c_str(), triples);
     return dashboard::translate_filters(triples, bidirectional,
                                         VISTREL_SOURCE_DIR "/config/grafana_to_tshark.yaml");
 }

@@ -65,8 +65,8 @@ std::string ipv4(const std::string& source, const std::string& destination, uint
     header.push_back(static_cast<char>(ttl));
     header.push_back(static_cast<char>(protocol));
     put16(header, 0);
-    return header + address_bytes(AF_INET, source) + address_bytes(AF_INET, destination) +
-           options + payload;
+    return header + address_bytes(AF_INET, source) + address_bytes(AF_INET, destination) + options +
+           payload;
 }
 
 std::string ipv6(const std::string& source, const std::string& destination, uint8_t next_header,
@@ -117,8 +117,8 @@ std::string arp(uint16_t operation, const std::string& sender_mac, const std::st
     put16(body, 0x0800);
     body += std::string("\x06\x04", 2);
     put16(body, operation);
-    return body + mac_bytes(sender_mac) + address_bytes(AF_INET, sender_ip) +
-           std::string(6, '\0') + address_bytes(AF_INET, target_ip);
+    return body + mac_bytes(sender_mac) + address_bytes(AF_INET, sender_ip) + std::string(6, '\0') +
+           address_bytes(AF_INET, target_ip);
 }
 
 std::string gre(uint16_t protocol, const std::string& payload) {
@@ -141,11 +141,11 @@ std::vector<std::string> plain_traffic() {
                 const std::string& mac = macs[n % 2];
                 const std::string& other = macs[(n + 1) % 2];
                 const uint8_t ttl = ttls[n % 4];
-                frames.push_back(ethernet(other, mac, 0x0800,
-                                          ipv4(source, destination, 17,
-                                               udp(static_cast<uint16_t>(31000 + n), port,
-                                                   filler(20 + n % 50, n)),
-                                               ttl)));
+                frames.push_back(ethernet(
+                    other, mac, 0x0800,
+                    ipv4(source, destination, 17,
+                         udp(static_cast<uint16_t>(31000 + n), port, filler(20 + n % 50, n)),
+                         ttl)));
                 frames.push_back(ethernet(mac, other, 0x0800,
                                           ipv4(source, destination, 6,
                                                tcp(port, static_cast<uint16_t>(50000 + n),
@@ -157,30 +157,40 @@ std::vector<std::string> plain_traffic() {
     // Every TCP flag alone and in common pairs, reserved bits and NS included.
     for (uint16_t flags : {0x001, 0x002, 0x004, 0x008, 0x010, 0x020, 0x040, 0x080, 0x100, 0x012,
                            0x011, 0x014, 0x018, 0x0c2, 0xe02, 0x000, 0x03f, 0x1ff}) {
-        frames.push_back(ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 6, tcp(80, 1024, flags))));
-        frames.push_back(ethernet(kMacA, kMacB, 0x86dd, ipv6(kHost6B, kHost6A, 6, tcp(1024, 80, flags))));
+        frames.push_back(
+            ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 6, tcp(80, 1024, flags))));
+        frames.push_back(
+            ethernet(kMacA, kMacB, 0x86dd, ipv6(kHost6B, kHost6A, 6, tcp(1024, 80, flags))));
     }
     // IPv6 UDP and ICMPv6 echo and neighbour discovery; ICMP echo; IPv4 options.
-    frames.push_back(ethernet(kMacB, kMacA, 0x86dd, ipv6(kHost6A, kHost6B, 17, udp(5353, 53, filler(30, 1)))));
-    frames.push_back(ethernet(kMacA, kMacB, 0x86dd, ipv6(kHost6B, kHost6A, 17, udp(53, 5353, filler(60, 2)))));
-    frames.push_back(ethernet(kMacB, kMacA, 0x86dd, ipv6(kHost6A, kHost6B, 58, icmp(128, 0, filler(16, 3)))));
-    frames.push_back(ethernet(kMacA, kMacB, 0x86dd, ipv6(kHost6B, kHost6A, 58, icmp(135, 0, std::string(20, '\0')))));
-    frames.push_back(ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostC, 1, icmp(8, 0, filler(24, 4)))));
-    frames.push_back(ethernet(kMacA, kMacB, 0x0800, ipv4(kHostC, kHostA, 1, icmp(0, 0, filler(24, 4)), 250)));
+    frames.push_back(
+        ethernet(kMacB, kMacA, 0x86dd, ipv6(kHost6A, kHost6B, 17, udp(5353, 53, filler(30, 1)))));
+    frames.push_back(
+        ethernet(kMacA, kMacB, 0x86dd, ipv6(kHost6B, kHost6A, 17, udp(53, 5353, filler(60, 2)))));
+    frames.push_back(
+        ethernet(kMacB, kMacA, 0x86dd, ipv6(kHost6A, kHost6B, 58, icmp(128, 0, filler(16, 3)))));
+    frames.push_back(ethernet(kMacA, kMacB, 0x86dd,
+                              ipv6(kHost6B, kHost6A, 58, icmp(135, 0, std::string(20, '\0')))));
+    frames.push_back(
+        ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostC, 1, icmp(8, 0, filler(24, 4)))));
+    frames.push_back(
+        ethernet(kMacA, kMacB, 0x0800, ipv4(kHostC, kHostA, 1, icmp(0, 0, filler(24, 4)), 250)));
     frames.push_back(ethernet(kMacB, kMacA, 0x0800,
                               ipv4(kHostA, kHostB, 17, udp(40000, 53, filler(10, 5)), 64, 0,
                                    std::string("\x94\x04\x00\x00", 4))));
-    frames.push_back(ethernet(kMacB, kMacA, 0x0800, ipv4(kHostB, kHostA, 2, std::string(8, '\x11'))));
+    frames.push_back(
+        ethernet(kMacB, kMacA, 0x0800, ipv4(kHostB, kHostA, 2, std::string(8, '\x11'))));
     // A UDP payload that looks like an IPv6 packet: tshark leaves it undissected off port 3544.
-    frames.push_back(ethernet(kMacB, kMacA, 0x0800,
-                              ipv4(kHostA, kHostB, 17,
-                                   udp(40001, 40002,
-                                       ipv6(kHost6A, kHost6B, 17, udp(40000, 53, filler(8, 1)))))));
+    frames.push_back(ethernet(
+        kMacB, kMacA, 0x0800,
+        ipv4(kHostA, kHostB, 17,
+             udp(40001, 40002, ipv6(kHost6A, kHost6B, 17, udp(40000, 53, filler(8, 1)))))));
     // ARP both ways, an LLC frame (spanning tree) and another EtherType (LLDP).
     frames.push_back(ethernet("ff:ff:ff:ff:ff:ff", kMacA, 0x0806, arp(1, kMacA, kHostA, kHostB)));
     frames.push_back(ethernet(kMacA, kMacB, 0x0806, arp(2, kMacB, kHostB, kHostA)));
-    frames.push_back(ethernet("01:80:c2:00:00:00", kMacA, 38,
-                              std::string("\x42\x42\x03\x00\x00\x00\x00\x00", 8) + std::string(30, '\0')));
+    frames.push_back(
+        ethernet("01:80:c2:00:00:00", kMacA, 38,
+                 std::string("\x42\x42\x03\x00\x00\x00\x00\x00", 8) + std::string(30, '\0')));
     frames.push_back(ethernet("01:80:c2:00:00:0e", kMacB, 0x88cc, std::string(20, '\0')));
     return frames;
 }
@@ -197,23 +207,25 @@ std::vector<TrapTraffic> trap_traffic() {
                    vlan_tag(0x88a8, 100, 0x8100).substr(2) + vlan_tag(0x8100, 7, 0x86dd).substr(2) +
                        ipv6(kHost6A, kHost6B, 6, tcp(80, 1024, 0x002)))}},
         {"fragments",
-         {ethernet(kMacB, kMacA, 0x0800,
-                   ipv4(kHostA, kHostB, 17, udp(40000, 53, filler(32, 1)).substr(0, 24), 64, 0x2000)),
-          ethernet(kMacB, kMacA, 0x0800,
-                   ipv4(kHostA, kHostB, 17, filler(16, 1), 64, 0x0003))}},
+         {ethernet(
+              kMacB, kMacA, 0x0800,
+              ipv4(kHostA, kHostB, 17, udp(40000, 53, filler(32, 1)).substr(0, 24), 64, 0x2000)),
+          ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 17, filler(16, 1), 64, 0x0003))}},
         {"icmp-error",
          {ethernet(kMacA, kMacB, 0x0800,
                    ipv4(kHostB, kHostA, 1, icmp(3, 3, std::string(4, '\0') + quoted))),
-          ethernet(kMacA, kMacB, 0x86dd,
-                   ipv6(kHost6B, kHost6A, 58,
-                        icmp(1, 4, std::string(4, '\0') +
-                                       ipv6("2001:db8::99", kHost6B, 17,
-                                            dns_query))))}},
+          ethernet(
+              kMacA, kMacB, 0x86dd,
+              ipv6(kHost6B, kHost6A, 58,
+                   icmp(1, 4,
+                        std::string(4, '\0') + ipv6("2001:db8::99", kHost6B, 17, dns_query))))}},
         {"ip-in-ip",
-         {ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 4, ipv4(kHostC, kHostB, 17, dns_query)))}},
-        {"gre",
          {ethernet(kMacB, kMacA, 0x0800,
-                   ipv4(kHostA, kHostB, 47, gre(0x0800, ipv4(kHostC, kHostA, 6, tcp(443, 80, 0x012)))))}},
+                   ipv4(kHostA, kHostB, 4, ipv4(kHostC, kHostB, 17, dns_query)))}},
+        {"gre",
+         {ethernet(
+             kMacB, kMacA, 0x0800,
+             ipv4(kHostA, kHostB, 47, gre(0x0800, ipv4(kHostC, kHostA, 6, tcp(443, 80, 0x012)))))}},
         {"vxlan",
          {ethernet(kMacB, kMacA, 0x0800,
                    ipv4(kHostA, kHostB, 17,
@@ -221,7 +233,9 @@ std::vector<TrapTraffic> trap_traffic() {
                             std::string("\x08\x00\x00\x00\x00\x00\x01\x00", 8) +
                                 ethernet(kMacA, "00:1b:c5:00:00:99", 0x0800,
                                          ipv4(kHostC, kHostA, 17, dns_query)))))}},
-        {"truncated", {ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 6, tcp(80, 1024, 0x002)))}, true},
+        {"truncated",
+         {ethernet(kMacB, kMacA, 0x0800, ipv4(kHostA, kHostB, 6, tcp(80, 1024, 0x002)))},
+         true},
     };
     return traps;
 }

@@ -47,10 +47,17 @@ std::vector<uint64_t> tshark_selection(const std::string& path, const std::strin
 // Values that make each dashboard key match some of the generated traffic.
 std::vector<std::string> values_for(const std::string& key) {
     static const std::map<std::string, std::vector<std::string>> kValues = {
-        {"IP_SRC", {kHostA, kHost6A}},  {"IP_DST", {kHostB, kHost6A}}, {"L4_SRC_PORT", {"53"}},
-        {"L4_DST_PORT", {"1024"}},      {"MAC_SRC", {kMacA}},          {"MAC_DST", {kMacB}},
-        {"VLAN_ID", {"7"}},             {"ETH_TYPE", {"0x0800", "34525"}},
-        {"IP_PROTOCOL", {"17"}},        {"IP_TTL", {"64"}},            {"TCP_FLAGS", {"0x012"}},
+        {"IP_SRC", {kHostA, kHost6A}},
+        {"IP_DST", {kHostB, kHost6A}},
+        {"L4_SRC_PORT", {"53"}},
+        {"L4_DST_PORT", {"1024"}},
+        {"MAC_SRC", {kMacA}},
+        {"MAC_DST", {kMacB}},
+        {"VLAN_ID", {"7"}},
+        {"ETH_TYPE", {"0x0800", "34525"}},
+        {"IP_PROTOCOL", {"17"}},
+        {"IP_TTL", {"64"}},
+        {"TCP_FLAGS", {"0x012"}},
     };
     auto found = kValues.find(key);
     return found == kValues.end() ? std::vector<std::string>{"example.com"} : found->second;
@@ -77,7 +84,8 @@ class FilterDifferentialTest : public ::testing::Test {
             if (i < plain.size() / 2) {
                 pcapng.packet(static_cast<uint32_t>(i % 2), stamp, plain[i]);
             } else {
-                pcap.record(static_cast<uint32_t>(stamp / 1000000000), stamp % 1000000000, plain[i]);
+                pcap.record(static_cast<uint32_t>(stamp / 1000000000), stamp % 1000000000,
+                            plain[i]);
             }
             frames_[stamp] = plain[i];
             merged_.packet(0, stamp, plain[i]);
@@ -94,9 +102,9 @@ class FilterDifferentialTest : public ::testing::Test {
             std::vector<std::string> frames(plain.begin(), plain.begin() + 12);
             frames.insert(frames.begin() + 6, trap.frames.begin(), trap.frames.end());
             for (const auto& frame : frames) {
-                const bool cut = trap.truncated && frame.size() > 40 &&
-                                 std::find(trap.frames.begin(), trap.frames.end(), frame) !=
-                                     trap.frames.end();
+                const bool cut =
+                    trap.truncated && frame.size() > 40 &&
+                    std::find(trap.frames.begin(), trap.frames.end(), frame) != trap.frames.end();
                 const std::string data = cut ? frame.substr(0, 40) : frame;
                 const auto original = static_cast<uint32_t>(frame.size());
                 file.packet(0, stamp, data, original);
@@ -193,7 +201,8 @@ class FilterDifferentialTest : public ::testing::Test {
         EXPECT_EQ(got.size(), wanted.size()) << context;
         for (size_t i = 0; i < got.size() && i < wanted.size(); ++i) {
             EXPECT_EQ(got[i].first, wanted[i]) << "packet " << i << " of " << context;
-            EXPECT_TRUE(got[i].second == frames_[got[i].first]) << "packet " << i << " of " << context;
+            EXPECT_TRUE(got[i].second == frames_[got[i].first])
+                << "packet " << i << " of " << context;
         }
         return fast;
     }
@@ -229,8 +238,8 @@ TEST_F(FilterDifferentialTest, EveryRuleKeyOperatorAndDirectionSelectsWhatTshark
         const bool fixed = name == "apply_field" || name == "apply_value";
         for (const auto& entry : section.second) {
             const std::string key = entry.first.as<std::string>();
-            for (const auto& value : name == "apply_value" ? std::vector<std::string>{"udp"}
-                                                           : values_for(key)) {
+            for (const auto& value :
+                 name == "apply_value" ? std::vector<std::string>{"udp"} : values_for(key)) {
                 for (const std::string op : {"=", "!=", "<", ">", "=~", "!~"}) {
                     if (fixed && op != "=") continue;
                     for (bool bidirectional : {false, true}) {
