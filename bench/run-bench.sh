@@ -147,7 +147,7 @@ EDITCAP_RATE=$(rate "$TOTAL" "$(best slice_with_editcap)")
 
 # Filtered: the server through tshark against tshark alone on the same two files.
 # A raw display filter of the user's (apply_value): the tshark path whatever libpcap could do.
-FILTER="protocol%7C%3D%7C%28tcp.dstport%3D%3D53%7C%7Cudp.dstport%3D%3D53%29"
+FILTER="protocol%7C%3D%7Ctcp.dstport%3D%3D53%20or%20udp.dstport%3D%3D53"
 FILTERED_URL="$BASE/getCapture?from=$FROM_MS&to=$TO_MS&var-esinterface=filtered&var-Filters=$FILTER"
 FILTERED_OUT=$(curl -fs -o /dev/null -w '%{size_download}' "$FILTERED_URL")
 FILTERED_NS=$(best 'curl -fs -o /dev/null "$FILTERED_URL"')
@@ -202,10 +202,10 @@ for case in "L4_DST_PORT%7C%3D%7C53|tcp.dstport==53||udp.dstport==53|port 53" \
         TSHARK_PACKETS=$((TSHARK_PACKETS + $(count_packets "$WORK/tshark.pcapng")))
     done
     grep -q "Filtering with BPF" "$WORK/tmp/vistrelserveres.log" || echo "  (the server did not take the BPF path)"
-    printf '  %-14s server %7.3f s (%s packets)  tshark alone %7.3f s (%s packets)\n' "$BPF_LABEL" \
+    printf '  %-16s server %7.3f s (%s packets)  tshark alone %7.3f s (%s packets)\n' "$BPF_LABEL" \
         "$(awk -v t="$BPF_NS" 'BEGIN { print t / 1e9 }')" "$(count_packets "$WORK/bpf.pcapng")" \
         "$(awk -v t="$BPF_TSHARK_NS" 'BEGIN { print t / 1e9 }')" "$TSHARK_PACKETS"
-    printf '  %-14s tshark / BPF download %s  (>= 5)   BPF / direct download %s  (time, goal <= 1.5)\n' "" \
+    printf '  %-16s tshark / BPF download %s  (>= 5)   BPF / direct download %s  (time, goal <= 1.5)\n' "" \
         "$(ratio "$BPF_TSHARK_NS" "$BPF_NS")" "$(ratio "$BPF_NS" "$FILTERED_DIRECT_NS")"
 done
 printf '  %-44s %8s MiB  (< 64)\n' "server peak resident memory (VmHWM)" \
