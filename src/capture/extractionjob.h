@@ -11,6 +11,7 @@
 #include "capture/capturefilerecord.h"
 #include "capture/capturequery.h"
 #include "capture/fileformatparser.h"
+#include "capture/packetselector.h"
 #include "capture/tsharkpipe.h"
 
 namespace vistrel::capture {
@@ -42,11 +43,15 @@ class ExtractionJob {
 
     // Starts tshark and the feeder thread: false when tshark could not be started.
     bool start_filter(std::unique_ptr<TsharkPipe> pipe);
+    // Filters inside the direct stream instead: only the packets `selector` takes, before the
+    // query's end (exclusive, as for tshark's time filter).
+    void use_selector(std::unique_ptr<PacketSelector> selector);
 
     // Content readers: a byte count, kEndOfStream or kEndWithError.
     int64_t read_direct(uint8_t* buffer, size_t maximum);
     int64_t read_filtered(uint8_t* buffer, size_t maximum);
 
+    // Streams through tshark (read_filtered); the other paths use read_direct.
     bool filtered() const { return pipe_ != nullptr; }
     bool no_data() const { return no_data_; }
     // No selected file could be opened: the stream is empty and reports 204.
@@ -54,11 +59,24 @@ class ExtractionJob {
     int status() const { return status_.load(); }
     const CaptureQuery& query() const { return query_; }
 
+    // What a download has streamed so far, by path.
+    enum class Path { kDirect, kSelected, kTshark };
+    struct Streamed {
+        uint64_t packets = 0;  // not counted on the tshark path (its output is not parsed)
+        uint64_t bytes = 0;
+    };
+    Path path() const;
+    const Streamed& streamed() const { return streamed_; }
+
   private:
     size_t chunk_size() const { return filtered_mode_ ? kFilterChunkSize : kDirectChunkSize; }
     void feed();
     bool send_all(const uint8_t* bytes, size_t count);
     int64_t hand_out(uint8_t* buffer, size_t maximum);
+    // Keeps the selected EPBs of a chunk in place (all of them without a selector) and counts
+    // them; returns the bytes kept.
+    size_t keep_selected(uint8_t* chunk, size_t used);
+    int64_t end_of_tshark_output();
 
     CaptureQuery query_;
     uint64_t range_end_;
@@ -78,6 +96,8 @@ class ExtractionJob {
 
     std::unique_ptr<TsharkPipe> pipe_;
     std::thread feeder_;
+    std::unique_ptr<PacketSelector> selector_;
+    Streamed streamed_;  // written by the HTTP thread only
 };
 
 // What the download handler needs: a job to stream, or an error page to answer with.
@@ -94,9 +114,19 @@ inline constexpr int64_t kMaximumExtractionBytes = 10737418240;
 // files and negative values count 0.
 int64_t counted_file_size(const std::string& path);
 
-// Checks the selection, opens the readers, primes the job and starts tshark when the query
-// carries a display filter. `pipe` replaces the default tshark pipe (tests).
-Extraction prepare_extraction(const CaptureQuery& query, const std::list<CaptureFileRecord>& files,
-                              std::unique_ptr<TsharkPipe> pipe = nullptr);
+struct ExtractionOptions {
+    // Non-empty: a display filter goes through tshark for this reason (the configuration, a
+    // raw filter of the user), whatever libpcap could do.
+    std::string tshark_reason;
+    // Replaces the default tshark pipe (tests).
+    std::unique_ptr<TsharkPipe> pipe;
+};
+
+// Checks the selection, opens the readers and primes the job. A display filter is applied by
+// libpcap inside the extraction when it has an exact BPF equivalent on the range's traffic,
+// otherwise by tshark; the choice is logged.
+Extraction prepare_extraction(const CaptureQuery& query,
+                              const std::list<CaptureFileRecord>& files,
+                              ExtractionOptions options = {});
 
 }  // namespace vistrel::capture

@@ -10,6 +10,7 @@
 #include "dashboard/dashboardtime.h"
 #include "database/captureindex.h"
 #include "http/pages.h"
+#include "startup/configuration.h"
 #include "startup/logger.h"
 
 namespace vistrel::http {
@@ -127,11 +128,19 @@ MHD_Result handle_capture_download(const GetRequest& request) {
     }
 
     const bool bidirectional = bidirectional_flag(request.arguments("var-bidirectionalfilter"));
-    query.display_filter = dashboard::translate_filters(variables.filters, bidirectional);
+    const dashboard::TranslatedFilter translated = dashboard::translate_dashboard_filters(
+        variables.filters, bidirectional, dashboard::rules_file_path());
+    query.display_filter = translated.text;
     LOG_NORMAL("Translated Grafana filters to tshark like: '%s'", query.display_filter.c_str());
 
-    capture::Extraction extraction =
-        capture::prepare_extraction(query, database::select_capture_files(query));
+    capture::ExtractionOptions options;
+    if (configuration().force_tshark) {
+        options.tshark_reason = "force_tshark is set in the configuration";
+    } else if (translated.has_raw_terms) {
+        options.tshark_reason = "the filter holds a display filter of the user's own";
+    }
+    capture::Extraction extraction = capture::prepare_extraction(
+        query, database::select_capture_files(query), std::move(options));
     if (!extraction.job) {
         return send_styled_error_page(connection, extraction.error_title, extraction.error_message,
                                       MHD_HTTP_OK);

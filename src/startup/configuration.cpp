@@ -54,6 +54,7 @@ void Configuration::reset() {
     loaded_from_file = false;
     captures_ready = false;
     ntp_server = "pool.ntp.org";
+    force_tshark = false;
 }
 
 bool Configuration::load_yaml() {
@@ -102,6 +103,7 @@ bool Configuration::load_yaml() {
             logger().set_level(loglevel);
         }
         if (general["ntp_server"]) ntp_server = general["ntp_server"].as<std::string>();
+        if (general["force_tshark"]) force_tshark = general["force_tshark"].as<bool>();
         if (root["database"]) database = host::resolve_path(root["database"].as<std::string>());
     } catch (const YAML::Exception&) {
         std::cout << "[Config Load] Error reading config file at '" << config_file
@@ -218,6 +220,7 @@ int Configuration::write_yaml(const std::string& path) const {
     out << YAML::Key << "captures" << YAML::Value << captures;
     out << YAML::Key << "loglevel" << YAML::Value << name_from_level(loglevel);
     out << YAML::Key << "ntp_server" << YAML::Value << ntp_server;
+    out << YAML::Key << "force_tshark" << YAML::Value << force_tshark;
     out << YAML::EndMap;
     out << YAML::Key << "server" << YAML::Value << YAML::BeginMap;
     out << YAML::Key << "bindall" << YAML::Value << bindall;

@@ -30,6 +30,8 @@ struct Configuration {
     bool from_manager = false;  // recorded, never read
     // SNTP server as "host" or "host:port"; YAML general/ntp_server.
     std::string ntp_server = "pool.ntp.org";
+    // Every filtered download through tshark, none through libpcap; YAML general/force_tshark.
+    bool force_tshark = false;
     // The last option argument the command-line parser handled; the invalid-host message
     // shows it instead of the host text.
     std::string last_option_argument;

@@ -195,8 +195,10 @@ TEST_F(CommandLineTest, YamlFileErrorsEndWithTheirMessages) {
 TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
     write_file(dir_.file("x.yml"),
                "general:\n  captures: caps\n  loglevel: debug\n  ntp_server: 127.0.0.1:1123\n"
-               "database: dbs/v.db\n");
+               "  force_tshark: true\ndatabase: dbs/v.db\n");
+    EXPECT_FALSE(config_.force_tshark);
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
+    EXPECT_TRUE(config_.force_tshark);
     EXPECT_TRUE(printed("[Config Load] No server configuration found, binding to all as default"));
     EXPECT_TRUE(config_.bindall);
     EXPECT_EQ(config_.host, "");
