@@ -106,9 +106,6 @@ TEST_F(CaptureIndexEndpointsTest, AddFileRefusesMissingFieldsAndBadNumbers) {
 }
 
 TEST_F(CaptureIndexEndpointsTest, AddFileThatCannotBeStoredIsAnsweredAndLogged) {
-    EXPECT_EQ(add_file({{"file_path", "/caps/it's.pcapng"}}).status, 200);
-    EXPECT_EQ(occurrences(log_text(), "Unable to insert values into table TidewellCapture"), 1u);
-
     // Present but empty: an invalid record, which the index refuses without SQL.
     EXPECT_EQ(add_file({{"source", ""}}).status, 200);
     EXPECT_EQ(occurrences(log_text(),

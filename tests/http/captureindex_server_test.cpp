@@ -97,10 +97,14 @@ TEST_F(CaptureIndexServerTest, EveryEndpointAnswersBadInputAndTheServerStaysUp) 
     HttpClient http = server.client();
     EXPECT_EQ(http.get("/addFile?file_path=/caps/a.pcapng&start_ts=1").status, 400);
     EXPECT_EQ(http.get(add_file_query("/caps/a.pcapng", "dev1", "soon")).status, 400);
-    // A quote breaks the statement: refused by SQLite and logged, but the report was received.
+    // Quotes and SQL in the arguments are stored and matched as plain text.
     EXPECT_EQ(http.get(add_file_query("/caps/it's.pcapng")).status, 200);
     EXPECT_EQ(http.get(add_file_query("/caps/ok.pcapng", "o'clock")).status, 200);
-    EXPECT_EQ(http.get("/cleanup?es_index=" + url_encode("vis'trel")).status, 200);
+    for (const char* index : {"vis'trel", "' OR '1'='1", "x'; DELETE FROM TidewellCapture; --"}) {
+        HttpResponse cleanup = http.get("/cleanup?filesystem=true&es_index=" + url_encode(index));
+        EXPECT_EQ(cleanup.body, "There are not files to cleanup for the given request. ");
+    }
+    EXPECT_EQ(capture_rows(), 2);
     EXPECT_EQ(http.post("/search", "this is not json").status, 400);
     HttpResponse response = http.post("/search", R"({"target":"cs_address"})");
     EXPECT_EQ(response.body, "[\"127.0.0.1\"]");
@@ -117,7 +121,7 @@ TEST_F(CaptureIndexServerTest, EveryEndpointAnswersBadInputAndTheServerStaysUp) 
 
     EXPECT_EQ(http.get("/getStatus").status, 200);
     EXPECT_EQ(server.stop(), 0);
-    EXPECT_EQ(capture_rows(), 0);
+    EXPECT_EQ(capture_rows(), 2);
 }
 
 }  // namespace
