@@ -109,11 +109,16 @@ TEST_F(CaptureIndexServerTest, EveryEndpointAnswersBadInputAndTheServerStaysUp) 
     HttpResponse response = http.post("/search", R"({"target":"cs_address"})");
     EXPECT_EQ(response.body, "[\"127.0.0.1\"]");
 
-    std::string removed = data.file("removed.pcapng");
+    // Deleted from the capture folder; a registered file anywhere else stays.
+    std::string removed = server.home() + "/Documents/Vistrel/captures/removed.pcapng";
     write_file(removed, "pcapng");
+    std::string foreign = data.file("foreign.pcapng");
+    write_file(foreign, "pcapng");
+    ASSERT_EQ(http.get(add_file_query(foreign, "dev2")).status, 200);
     ASSERT_EQ(http.get(add_file_query(removed, "dev2")).status, 200);
     EXPECT_EQ(http.get("/cleanup?filesystem=true&es_index=vistrel-1&source=dev2").status, 200);
     EXPECT_FALSE(std::filesystem::exists(removed));
+    EXPECT_TRUE(std::filesystem::exists(foreign));
 
     EXPECT_EQ(http.get("/cleanupElasticsearch?es_addr=" + url_encode(search.address())).status,
               200);
