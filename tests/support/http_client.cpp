@@ -36,6 +36,8 @@ size_t append_header(char* data, size_t size, size_t count, void* target) {
 std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpResponse& response) {
     std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
     curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    // Paths go out as written: "../" is not squashed before it reaches the server.
+    curl_easy_setopt(handle.get(), CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
     curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, 120L);
     curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
