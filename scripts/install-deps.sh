@@ -4,7 +4,7 @@
 set -e
 PACKAGES="build-essential cmake pkg-config libmicrohttpd-dev libyaml-cpp-dev libsqlite3-dev \
 libcurl4-openssl-dev nlohmann-json3-dev libpugixml-dev libgtest-dev libgmock-dev \
-libbenchmark-dev tshark wireshark-common curl"
+libbenchmark-dev tshark wireshark-common curl openssl"
 if [ "${1:-}" = "--bench" ]; then
     PACKAGES="$PACKAGES nginx-light"
 fi

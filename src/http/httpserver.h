@@ -3,14 +3,16 @@
 #include <microhttpd.h>
 
 #include <memory>
+#include <string>
 
 #include "devices/tidewellfirmwareupdater.h"
 #include "engine/watchkeepprocess.h"
 #include "session/vistrelsession.h"
+#include "startup/securitysettings.h"
 
 namespace vistrel::http {
 
-// The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection) and
+// The one HTTP server of the process: the libmicrohttpd daemon (epoll, a pool of threads) and
 // the long-lived objects the endpoints share.
 class HttpServer {
   public:
@@ -41,7 +43,13 @@ class HttpServer {
     session::VistrelSession& session() { return *session_; }
 
   private:
+    // Reads the PEM files of the configuration; false (logged) when one cannot be read.
+    bool read_tls_files(const SecuritySettings& security);
+
     MHD_Daemon* daemon_ = nullptr;
+    // The PEM texts libmicrohttpd was given; kept while the daemon runs.
+    std::string tls_certificate_;
+    std::string tls_key_;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
     std::unique_ptr<engine::WatchkeepProcess> engine_;
     std::unique_ptr<session::VistrelSession> session_;

@@ -58,10 +58,17 @@ void perform(CURL* handle, HttpResponse& response) {
 
 }  // namespace
 
-HttpResponse HttpClient::get(const std::string& path_and_query) const {
+HttpResponse HttpClient::get(const std::string& path_and_query,
+                             const std::vector<std::string>& headers,
+                             const std::string& ca_file) const {
     HttpResponse response;
     auto handle = make_handle(base_url_ + path_and_query, response);
+    curl_slist* list = nullptr;
+    for (const std::string& header : headers) list = curl_slist_append(list, header.c_str());
+    if (list != nullptr) curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, list);
+    if (!ca_file.empty()) curl_easy_setopt(handle.get(), CURLOPT_CAINFO, ca_file.c_str());
     perform(handle.get(), response);
+    curl_slist_free_all(list);
     return response;
 }
 
