@@ -8,6 +8,9 @@ libbenchmark-dev tshark wireshark-common curl openssl"
 if [ "${1:-}" = "--bench" ]; then
     PACKAGES="$PACKAGES nginx-light"
 fi
+if [ "${1:-}" = "--stress" ]; then
+    PACKAGES="$PACKAGES python3"
+fi
 if [ "${1:-}" = "--fuzz" ]; then
     PACKAGES="$PACKAGES clang libclang-rt-14-dev"
 fi
