@@ -46,18 +46,20 @@ std::map<std::string, std::string> query_arguments(const std::string& text) {
         if (end == std::string::npos) end = text.size();
         std::string pair = text.substr(at, end - at);
         size_t equals = pair.find('=');
-        if (equals != std::string::npos) arguments[pair.substr(0, equals)] = pair.substr(equals + 1);
+        if (equals != std::string::npos)
+            arguments[pair.substr(0, equals)] = pair.substr(equals + 1);
         at = end + 1;
     }
     return arguments;
 }
 
 QueryArguments lookup(std::map<std::string, std::string> arguments) {
-    return [arguments = std::move(arguments)](const std::string& key) -> std::optional<std::string> {
-        auto found = arguments.find(key);
-        if (found == arguments.end()) return std::nullopt;
-        return found->second;
-    };
+    return
+        [arguments = std::move(arguments)](const std::string& key) -> std::optional<std::string> {
+            auto found = arguments.find(key);
+            if (found == arguments.end()) return std::nullopt;
+            return found->second;
+        };
 }
 
 }  // namespace

@@ -158,8 +158,8 @@ TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
 
     // SQL in a dashboard variable is a source name like any other: it matches nothing.
     for (const char* source : {"' OR '1'='1", "x') OR ('1'='1"}) {
-        response = http_.get(capture_query(kBase, kBase + 39 * kSecond,
-                                           "&var-esinterface=" + url_encode(source)));
+        response = http_.get(
+            capture_query(kBase, kBase + 39 * kSecond, "&var-esinterface=" + url_encode(source)));
         EXPECT_NE(response.body.find("<h2>Error Extracting Capture File</h2>"), std::string::npos)
             << source;
     }
