@@ -140,6 +140,22 @@ bool is_local_client(MHD_Connection* connection) {
     return text == "localhost" || text == "127.0.0.1" || text == configuration().host;
 }
 
+// True when the client connects from a loopback address (127.0.0.0/8 or ::1).
+bool is_loopback_client(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    if (info->client_addr->sa_family == AF_INET) {
+        const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+        return (ntohl(address->sin_addr.s_addr) >> 24) == 127;
+    }
+    if (info->client_addr->sa_family == AF_INET6) {
+        const auto* address = reinterpret_cast<const sockaddr_in6*>(info->client_addr);
+        return IN6_IS_ADDR_LOOPBACK(&address->sin6_addr);
+    }
+    return false;
+}
+
 MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
                          ConnectionRecord& record) {
     for (const PostRoute& route : post_routes()) {
@@ -189,7 +205,8 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
     if (*slot == nullptr) {
         const char* authorization =
             MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
-        if (!authorization_accepted(security, authorization != nullptr ? authorization : "")) {
+        if (!(security.trust_loopback && is_loopback_client(connection)) &&
+            !authorization_accepted(security, authorization != nullptr ? authorization : "")) {
             LOG_WARNING("Request for url '%s' refused: not authenticated", url.c_str());
             return send_unauthorized(connection, security);
         }

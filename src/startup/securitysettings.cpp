@@ -39,6 +39,7 @@ void SecuritySettings::load(const YAML::Node& root) {
     read_value(security["basic_user"], basic_user);
     read_value(security["basic_password"], basic_password);
     read_value(security["bearer_token"], bearer_token);
+    read_value(security["trust_loopback"], trust_loopback);
     if (worker_threads == 0) worker_threads = 1;
 }
 

@@ -34,6 +34,8 @@ struct SecuritySettings {
     std::string basic_password;
     // Bearer-token authentication when set.
     std::string bearer_token;
+    // Loopback clients (the local capture engine's reports) need no credentials.
+    bool trust_loopback = false;
 
     bool tls() const { return !tls_certificate.empty() && !tls_key.empty(); }
     bool authentication() const {
