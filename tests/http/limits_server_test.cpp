@@ -164,7 +164,10 @@ TEST_F(LimitsServerTest, StalledUploadsAreDroppedAndTheNextOneIsAccepted) {
 
     EXPECT_EQ(first.read_to_end(), "");
     EXPECT_EQ(second.read_to_end(), "");
-    ASSERT_TRUE(server.wait_for_log("Removed incomplete upload '" + uploaded("two.pcap") + "'"));
+    for (const char* name : {"one.pcap", "two.pcap"}) {
+        ASSERT_TRUE(server.wait_for_log("Removed incomplete upload '" + uploaded(name) + "'"));
+    }
+    ASSERT_TRUE(server.wait_for_log("Number of uploading clients decreased to: 0"));
     EXPECT_FALSE(std::filesystem::exists(uploaded("one.pcap")));
     EXPECT_FALSE(std::filesystem::exists(uploaded("two.pcap")));
     // Without its analysis request the upload is stored and refused for what it lacks.
