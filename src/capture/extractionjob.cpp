@@ -2,8 +2,10 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 
@@ -274,7 +276,17 @@ Extraction prepare_extraction(const CaptureQuery& query,
     }
 
     ExtractionJob::Readers readers;
+    // Files the index names but that cannot be read: the first is explained, the rest counted,
+    // so that an index full of stale rows cannot flood the log.
+    size_t unreadable = 0;
     for (const auto& file : files) {
+        if (::access(file.file_path.c_str(), R_OK) != 0) {
+            if (unreadable++ == 0) {
+                LOG_ERROR("Unable to open file [%s] with erc: %s", file.file_path.c_str(),
+                          std::strerror(errno));
+            }
+            continue;
+        }
         LOG_DEBUG("Detecting format for file: [%s]", file.file_path.c_str());
         if (auto reader = open_capture_file(file)) {
             LOG_DEBUG("Successfully deceted format for file: [%s]", file.file_path.c_str());
@@ -282,6 +294,7 @@ Extraction prepare_extraction(const CaptureQuery& query,
         }
         LOG_DEBUG("Cleaning up resources for file: [%s]", file.file_path.c_str());
     }
+    if (unreadable > 1) LOG_WARNING("%zu more files could not be read", unreadable - 1);
     LOG_DEBUG("Cleaning up resources for file list");
 
     auto job = std::make_unique<ExtractionJob>(query, std::move(readers));

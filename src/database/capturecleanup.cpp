@@ -3,16 +3,24 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 
 #include "database/captureindex.h"
+#include "host/confinement.h"
 #include "startup/logger.h"
 
 namespace vistrel::database {
 
-CleanupCounts delete_capture_files(const std::list<capture::CaptureFileRecord>& files) {
+CleanupCounts delete_capture_files(const std::list<capture::CaptureFileRecord>& files,
+                                   const std::vector<std::string>& owned_folders) {
     CleanupCounts counts;
     for (const capture::CaptureFileRecord& file : files) {
-        if (::unlink(file.file_path.c_str()) == 0) {
+        const std::optional<std::string> real = host::real_path(file.file_path);
+        if (real && !host::lies_beneath(*real, owned_folders)) {
+            ++counts.errors;
+            LOG_ERROR("Removing file %s refused: it lies outside the capture folders",
+                      file.file_path.c_str());
+        } else if (real && ::unlink(real->c_str()) == 0) {
             ++counts.removed;
             LOG_NORMAL("Removed file %s", file.file_path.c_str());
         } else {

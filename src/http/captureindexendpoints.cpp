@@ -1,5 +1,6 @@
 #include "http/captureindexendpoints.h"
 
+#include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
@@ -46,6 +47,30 @@ int atoi_like(const std::string& text) {
 
 const char* shown(const Argument& argument) {
     return argument ? argument->c_str() : "(null)";
+}
+
+// An index name or pattern of the search server. Anything else ("/", "?", "#", "..", a leading
+// "_" naming one of its APIs) would make the request reach another part of that server.
+bool plain_index_name(const std::string& name) {
+    if (name.empty() || name[0] == '_' || name[0] == '-' || name == "." || name == "..") {
+        return false;
+    }
+    for (char c : name) {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_' && c != '.' &&
+            c != '*' && c != '+') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The argument as the inside of a JSON string, so that a quote in it cannot end the string of
+// the search server's query.
+Argument json_inner(const Argument& argument) {
+    if (!argument) return argument;
+    std::string quoted =
+        nlohmann::json(*argument).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return quoted.substr(1, quoted.size() - 2);
 }
 
 std::string cleanup_reply_text(size_t found, size_t removed, size_t errors, bool filesystem,
@@ -155,7 +180,9 @@ Reply handle_cleanup(const QueryArguments& arguments) {
 
     const bool delete_files = filesystem && *filesystem == "true";
     database::CleanupCounts counts;
-    if (delete_files) counts = database::delete_capture_files(files);
+    if (delete_files) {
+        counts = database::delete_capture_files(files, configuration().owned_capture_folders());
+    }
     Reply reply{"", 200};
     reply.text =
         cleanup_reply_text(files.size(), counts.removed, counts.errors, delete_files, reply.status);
@@ -166,12 +193,16 @@ Reply handle_cleanup(const QueryArguments& arguments) {
 Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     Argument es_addr = arguments("es_addr");
     Argument es_index = arguments("es_index");
-    Argument source = arguments("source");
-    Argument start_ts = arguments("start_ts");
-    Argument end_ts = arguments("end_ts");
+    Argument source = json_inner(arguments("source"));
+    Argument start_ts = json_inner(arguments("start_ts"));
+    Argument end_ts = json_inner(arguments("end_ts"));
     if (!es_addr) {
         LOG_NORMAL("Bad request, missing Elastic address");
         return {"Unable to perform Elasticsearch cleanup without an address", 400};
+    }
+    if (es_index && !plain_index_name(*es_index)) {
+        LOG_WARNING("Bad request, '%s' is not an index name", es_index->c_str());
+        return {"Error : Bad index name", 400};
     }
     const searchindex::Credentials none;
     bool done = false;

@@ -2,9 +2,14 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,6 +18,7 @@
 #include "devices/deviceregistry.h"
 #include "devices/firmwarestash.h"
 #include "host/paths.h"
+#include "http/authentication.h"
 #include "http/binding.h"
 #include "http/connectionrecord.h"
 #include "http/pages.h"
@@ -24,6 +30,15 @@
 namespace vistrel::http {
 
 namespace {
+
+// Every connection holds a descriptor: the soft limit (often 1,024) is raised to the hard one.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
 
 std::unique_ptr<HttpServer> g_server;
 std::mutex g_server_creation;
@@ -78,6 +93,22 @@ bool is_local_client(MHD_Connection* connection) {
     return text == "localhost" || text == "127.0.0.1" || text == configuration().host;
 }
 
+// True when the client connects from a loopback address (127.0.0.0/8 or ::1).
+bool is_loopback_client(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    if (info->client_addr->sa_family == AF_INET) {
+        const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+        return (ntohl(address->sin_addr.s_addr) >> 24) == 127;
+    }
+    if (info->client_addr->sa_family == AF_INET6) {
+        const auto* address = reinterpret_cast<const sockaddr_in6*>(info->client_addr);
+        return IN6_IS_ADDR_LOOPBACK(&address->sin6_addr);
+    }
+    return false;
+}
+
 MHD_Result dispatch_post(const HttpServer& server, MHD_Connection* connection,
                          const std::string& url, ConnectionRecord& record) {
     for (const PostRoute& route : server.post_routes()) {
@@ -94,6 +125,25 @@ MHD_Result dispatch_post(const HttpServer& server, MHD_Connection* connection,
     return send_text(connection, "Error : Unknown request " + url, 400);
 }
 
+// The Content-Length of the request; 0 when absent or unreadable (a chunked body).
+uint64_t announced_length(MHD_Connection* connection) {
+    const char* text =
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if (text == nullptr) return 0;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long value = std::strtoull(text, &end, 10);
+    if (errno == ERANGE) return UINT64_MAX;
+    return end != text ? value : 0;
+}
+
+// 413 with a plain text; libmicrohttpd closes the connection without reading the rest.
+MHD_Result refuse_large_body(MHD_Connection* connection, const std::string& url) {
+    LOG_WARNING("Request for url '%s' refused: body larger than %zu bytes", url.c_str(),
+                configuration().security.max_json_body);
+    return send_text(connection, "Error : Request body too large", 413);
+}
+
 MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
                           const char* url_text, const char* method_text, const char* upload_data,
                           size_t* upload_data_size, void** slot) {
@@ -105,7 +155,20 @@ MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
     } else {
         LOG_NORMAL("Request for url: '%s'", url.c_str());
     }
+    const SecuritySettings& security = configuration().security;
     if (*slot == nullptr) {
+        const char* authorization =
+            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
+        if (!(security.trust_loopback && is_loopback_client(connection)) &&
+            !authorization_accepted(security, authorization != nullptr ? authorization : "")) {
+            LOG_WARNING("Request for url '%s' refused: not authenticated", url.c_str());
+            return send_unauthorized(connection, security);
+        }
+        // A JSON body that announces more than the limit is refused before it is read.
+        if (method == "POST" && url != "/analyzeCapture" &&
+            announced_length(connection) > security.max_json_body) {
+            return refuse_large_body(connection, url);
+        }
         // libmicrohttpd owns the record through the slot until the completion callback.
         auto* record = new (std::nothrow) ConnectionRecord();
         if (record == nullptr) return MHD_NO;
@@ -133,12 +196,19 @@ MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
         if (record->post_processor != nullptr) {
             // A refusal of the iterator is kept in the upload state and answered at the end.
             MHD_post_process(record->post_processor, upload_data, *upload_data_size);
+        } else if (record->body_too_large ||
+                   record->body.size() + *upload_data_size > security.max_json_body) {
+            // A chunked body that grows past the limit: libmicrohttpd takes no answer in the
+            // middle of a body, so the rest is read and dropped, then answered 413.
+            record->body_too_large = true;
+            std::string().swap(record->body);
         } else {
             record->body.append(upload_data, *upload_data_size);
         }
         *upload_data_size = 0;
         return MHD_YES;
     }
+    if (record->body_too_large) return refuse_large_body(connection, url);
     if (url == "/analyzeCapture" && record->upload.close_file()) LOG_NORMAL("Closed upload file");
     return dispatch_post(server, connection, url, *record);
 }
@@ -201,23 +271,52 @@ void HttpServer::finish() {
 int HttpServer::start() {
     if (daemon_ != nullptr) return kAlreadyRunning;
     Configuration& config = configuration();
+    const SecuritySettings& security = config.security;
     std::optional<sockaddr_storage> address = choose_listen_address(config);
-    const unsigned flags =
-        MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD;
-    const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
+    raise_descriptor_limit();
+    // epoll: no descriptor ceiling; a pool of threads instead of one per connection, so idle
+    // or slow clients cost a descriptor each, not a thread.
+    unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_EPOLL_INTERNAL_THREAD;
+    std::vector<MHD_OptionItem> options = {
+        {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&request_completed), nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(security.connection_timeout),
+         nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(security.max_connections), nullptr},
+        {MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+         static_cast<intptr_t>(security.max_connections_per_client), nullptr},
+        {MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(security.worker_threads), nullptr},
+    };
     if (address) {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
-                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
-                                   MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&*address),
-                                   MHD_OPTION_END);
-    } else {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
-                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
-                                   MHD_OPTION_END);
+        options.push_back({MHD_OPTION_SOCK_ADDR, 0, reinterpret_cast<sockaddr*>(&*address)});
     }
+    if (security.tls()) {
+        if (!read_tls_files(security)) return kDaemonFailed;
+        flags |= MHD_USE_TLS;
+        options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, tls_key_.data()});
+        options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, tls_certificate_.data()});
+    }
+    options.push_back({MHD_OPTION_END, 0, nullptr});
+    const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
+    daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
+                               MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
     if (daemon_ == nullptr) return kDaemonFailed;
     LOG_NORMAL("Using Port number: %d", static_cast<int>(config.port));
     return kListening;
+}
+
+bool HttpServer::read_tls_files(const SecuritySettings& security) {
+    auto read = [](const std::string& path, std::string& content) {
+        std::ifstream file(path, std::ios::binary);
+        content.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        if (!file.bad() && !content.empty()) return true;
+        LOG_ERROR("Unable to read the TLS file '%s'", path.c_str());
+        return false;
+    };
+    if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
+        LOG_ERROR("This libmicrohttpd has no TLS support");
+        return false;
+    }
+    return read(security.tls_certificate, tls_certificate_) && read(security.tls_key, tls_key_);
 }
 
 void HttpServer::stop_daemon() {

@@ -3,16 +3,18 @@
 #include <microhttpd.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "devices/tidewellfirmwareupdater.h"
 #include "engine/watchkeepprocess.h"
 #include "http/routes.h"
 #include "session/vistrelsession.h"
+#include "startup/securitysettings.h"
 
 namespace vistrel::http {
 
-// The one HTTP server of the process: the libmicrohttpd daemon (a thread per connection), the
+// The one HTTP server of the process: the libmicrohttpd daemon (epoll, a pool of threads), the
 // long-lived objects the endpoints share and the route tables that hand requests to them.
 class HttpServer {
   public:
@@ -50,8 +52,13 @@ class HttpServer {
     std::vector<PostRoute> make_post_routes();
     // The shut-down steps before destruction: the log line, the firmware updater, the library.
     void finish();
+    // Reads the PEM files of the configuration; false (logged) when one cannot be read.
+    bool read_tls_files(const SecuritySettings& security);
 
     MHD_Daemon* daemon_ = nullptr;
+    // The PEM texts libmicrohttpd was given; kept while the daemon runs.
+    std::string tls_certificate_;
+    std::string tls_key_;
     std::unique_ptr<devices::TidewellFirmwareUpdater> firmware_updater_;
     std::unique_ptr<engine::WatchkeepProcess> engine_;
     std::unique_ptr<session::VistrelSession> session_;

@@ -55,6 +55,7 @@ void Configuration::reset() {
     captures_ready = false;
     ntp_server = "pool.ntp.org";
     force_tshark = false;
+    security = SecuritySettings{};
 }
 
 bool Configuration::load_yaml() {
@@ -105,6 +106,7 @@ bool Configuration::load_yaml() {
         if (general["ntp_server"]) ntp_server = general["ntp_server"].as<std::string>();
         if (general["force_tshark"]) force_tshark = general["force_tshark"].as<bool>();
         if (root["database"]) database = host::resolve_path(root["database"].as<std::string>());
+        security.load(root);
     } catch (const YAML::Exception&) {
         std::cout << "[Config Load] Error reading config file at '" << config_file
                   << "', is your config ok?" << std::endl;
@@ -210,6 +212,12 @@ bool Configuration::validate() {
         host = "127.0.0.1";
     }
     return true;
+}
+
+std::vector<std::string> Configuration::owned_capture_folders() const {
+    std::vector<std::string> folders{capture_path, analyze_capture_path};
+    folders.insert(folders.end(), security.capture_folders.begin(), security.capture_folders.end());
+    return folders;
 }
 
 int Configuration::write_yaml(const std::string& path) const {

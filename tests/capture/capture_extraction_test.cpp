@@ -173,6 +173,24 @@ TEST_F(ExtractionTest, DirectStreamIsTheHeaderThenEveryFileInIndexOrder) {
     EXPECT_NE(log().find("Successfully extracted files - Sending to FE"), std::string::npos);
 }
 
+TEST_F(ExtractionTest, MissingFilesAreExplainedOnceAndCounted) {
+    std::list<CaptureFileRecord> files = three_files();
+    for (int i = 0; i < 1000; ++i) {
+        CaptureFileRecord gone;
+        gone.file_path = dir_.file("gone-" + std::to_string(i) + ".pcapng");
+        files.push_back(gone);
+    }
+    const std::string before = log();
+    Extraction extraction = prepare_extraction({}, files);
+    ASSERT_TRUE(extraction.job);
+    const std::string added = log().substr(before.size());
+    EXPECT_NE(added.find("Unable to open file [" + dir_.file("gone-0.pcapng") +
+                         "] with erc: No such file or directory"),
+              std::string::npos);
+    EXPECT_EQ(added.find("gone-1.pcapng"), std::string::npos);
+    EXPECT_NE(added.find("999 more files could not be read"), std::string::npos);
+}
+
 TEST_F(ExtractionTest, RangeWithoutPacketsAnswersTheExtractErrorPageWithoutTshark) {
     const auto files = three_files();
     CaptureQuery query;

@@ -156,6 +156,14 @@ TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
                                  "your capture machine</p>"),
               std::string::npos);
 
+    // SQL in a dashboard variable is a source name like any other: it matches nothing.
+    for (const char* source : {"' OR '1'='1", "x') OR ('1'='1"}) {
+        response = http_.get(
+            capture_query(kBase, kBase + 39 * kSecond, "&var-esinterface=" + url_encode(source)));
+        EXPECT_NE(response.body.find("<h2>Error Extracting Capture File</h2>"), std::string::npos)
+            << source;
+    }
+
     // Files selected, but no packet inside the range.
     register_file(
         "late.pcapng",

@@ -95,18 +95,27 @@ TEST_F(CaptureIndexServerTest, EveryEndpointAnswersBadInputAndTheServerStaysUp) 
     start();
     HttpClient http = server.client();
     EXPECT_EQ(http.get("/addFile?file_path=/caps/a.pcapng&start_ts=1").status, 400);
-    // A quote breaks the statement: refused by SQLite and logged, but the report was received.
+    // Quotes and SQL in the arguments are stored and matched as plain text.
     EXPECT_EQ(http.get(add_file_query("/caps/it's.pcapng")).status, 200);
     EXPECT_EQ(http.get(add_file_query("/caps/ok.pcapng", "o'clock")).status, 200);
-    EXPECT_EQ(http.get("/cleanup?es_index=" + url_encode("vis'trel")).status, 200);
+    for (const char* index : {"vis'trel", "' OR '1'='1", "x'; DELETE FROM TidewellCapture; --"}) {
+        HttpResponse cleanup = http.get("/cleanup?filesystem=true&es_index=" + url_encode(index));
+        EXPECT_EQ(cleanup.body, "There are not files to cleanup for the given request. ");
+    }
+    EXPECT_EQ(capture_rows(), 2);
     HttpResponse response = http.post("/search", R"({"target":"cs_address"})");
     EXPECT_EQ(response.body, "[\"127.0.0.1\"]");
 
-    std::string removed = data.file("removed.pcapng");
+    // Deleted from the capture folder; a registered file anywhere else stays.
+    std::string removed = server.home() + "/Documents/Vistrel/captures/removed.pcapng";
     write_file(removed, "pcapng");
+    std::string foreign = data.file("foreign.pcapng");
+    write_file(foreign, "pcapng");
+    ASSERT_EQ(http.get(add_file_query(foreign, "dev2")).status, 200);
     ASSERT_EQ(http.get(add_file_query(removed, "dev2")).status, 200);
     EXPECT_EQ(http.get("/cleanup?filesystem=true&es_index=vistrel-1&source=dev2").status, 200);
     EXPECT_FALSE(std::filesystem::exists(removed));
+    EXPECT_TRUE(std::filesystem::exists(foreign));
 
     EXPECT_EQ(http.get("/cleanupElasticsearch?es_addr=" + url_encode(search.address())).status,
               200);
@@ -114,7 +123,7 @@ TEST_F(CaptureIndexServerTest, EveryEndpointAnswersBadInputAndTheServerStaysUp) 
 
     EXPECT_EQ(http.get("/getStatus").status, 200);
     EXPECT_EQ(server.stop(), 0);
-    EXPECT_EQ(capture_rows(), 0);
+    EXPECT_EQ(capture_rows(), 2);
 }
 
 }  // namespace

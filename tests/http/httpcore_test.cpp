@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -80,6 +81,22 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
         EXPECT_EQ(
             missing.body,
             "<html><head><title>File not found</title></head><body>File not found</body></html>");
+    }
+
+    // A link that stays below the working folder is followed; nothing leads out of it, and the
+    // server's own database and log are never served.
+    std::filesystem::create_directories(server_->sandbox().file("img"));
+    std::filesystem::create_symlink("../x", server_->sandbox().file("img/inner"));
+    std::filesystem::create_symlink("/", server_->sandbox().file("img/root"));
+    EXPECT_EQ(client().get("/img/inner/img/logo.png").body, content);
+    for (const char* path :
+         {"/img/../../../../../../etc/passwd", "/img/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd",
+          "/img/..%2f..%2f..%2f..%2f..%2fetc%2fpasswd", "/img/root/etc/passwd", "/img//etc/passwd",
+          "/img/../../../../proc/self/environ", "/img/../tmp/vistrelserveres.log",
+          "/img/../quellwick/vistrel/centralizedserver/vistrel-cs.db"}) {
+        testing::HttpResponse refused = client().get(path);
+        EXPECT_EQ(refused.status, 404) << path;
+        EXPECT_EQ(refused.body.find("root:"), std::string::npos) << path;
     }
 }
 
