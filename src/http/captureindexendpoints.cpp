@@ -12,6 +12,7 @@
 
 #include "database/captureindex.h"
 #include "database/resultcodes.h"
+#include "metrics/servermetrics.h"
 #include "searchindex/searchindexclient.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -107,9 +108,12 @@ Reply handle_add_file(const QueryArguments& arguments) {
     record.end_ts = static_cast<uint64_t>(end);
     record.n_packets = static_cast<uint64_t>(packets);
     // A refused insert is logged by the database; the engine's report was received all the same.
-    if (database::add_capture_file(record) == database::kInvalidRecord) {
+    const unsigned added = database::add_capture_file(record);
+    if (added == database::kInvalidRecord) {
         LOG_WARNING("Capture file '%s' not indexed: empty file_path, source or es_index",
                     path.c_str());
+    } else if (added == database::kSuccess) {
+        metrics::files_registered().add();
     }
     return reply;
 }
@@ -175,6 +179,8 @@ Reply handle_cleanup(const QueryArguments& arguments) {
             }
         }
     }
+    metrics::cleanups("files").add();
+    if (errors > 0) metrics::cleanup_errors("files").add(errors);
     Reply reply{"", 200};
     reply.text = cleanup_reply_text(files.size(), removed, errors, delete_files, reply.status);
     LOG_NORMAL("%s", reply.text.c_str());
@@ -191,6 +197,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
         LOG_NORMAL("Bad request, missing Elastic address");
         return {"Unable to perform Elasticsearch cleanup without an address", 400};
     }
+    metrics::cleanups("elasticsearch").add();
     const searchindex::Credentials none;
     bool done = false;
     if ((start_ts && end_ts) || source) {
@@ -201,6 +208,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     } else if (es_index) {
         if (start_ts || end_ts) {
             LOG_WARNING("Internal error, unhandled situation for cleanup datasource ");
+            metrics::cleanup_errors("elasticsearch").add();
             return {"Internal Server Error while cleaning up Datasource", 500};
         }
         LOG_NORMAL("Flushing %s index for elasticsearch at: '%s'", es_index->c_str(),
@@ -212,6 +220,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     }
     if (!done) {
         LOG_WARNING("Unable to flush %s", es_addr->c_str());
+        metrics::cleanup_errors("elasticsearch").add();
         return {
             "Unable to perform Datasource cleanup. Something failed. Please check your "
             "Datasource address and your connection",

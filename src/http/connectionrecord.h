@@ -2,6 +2,7 @@
 
 #include <microhttpd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -18,6 +19,10 @@ struct ConnectionRecord {
     MHD_PostProcessor* post_processor = nullptr;  // "/analyzeCapture" uploads only
     std::string body;                             // JSON POST bodies, collected whole
     UploadState upload;  // "/analyzeCapture": the post processor's closure (upload_iterator)
+    // For the request metrics: labels bounded by the route tables, and the first call's time.
+    std::string method_label;
+    std::string endpoint_label;
+    std::chrono::steady_clock::time_point started;
 };
 
 }  // namespace vistrel::http

@@ -18,6 +18,7 @@
 #include "http/connectionrecord.h"
 #include "http/pages.h"
 #include "http/routes.h"
+#include "metrics/servermetrics.h"
 #include "session/replies.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -39,6 +40,7 @@ MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bo
     // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
     auto refuse = [&](const char* message, uint32_t code, int status) {
         refused = true;
+        metrics::count_request("POST", "/analyzeCapture", status, 0);
         delete record;
         return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
                          status);
@@ -68,6 +70,7 @@ MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bo
     }
     LOG_NORMAL("Iteratepost postprocessor made");
     ++g_uploads;
+    metrics::uploads_in_flight().add(1);
     LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
     return MHD_YES;
 }
@@ -76,8 +79,9 @@ std::unique_ptr<HttpServer> g_server;
 std::mutex g_server_creation;
 
 bool is_polled_url(const std::string& url) {
+    // A monitoring system scrapes /metrics every few seconds.
     return url == "/getCMStatus" || url == "/getTidewells" || url == "/info" ||
-           url == "/analyzeCapture";
+           url == "/analyzeCapture" || url == "/metrics";
 }
 
 QueryArguments arguments_of(MHD_Connection* connection) {
@@ -87,6 +91,30 @@ QueryArguments arguments_of(MHD_Connection* connection) {
         if (value == nullptr) return std::nullopt;
         return std::string(value);
     };
+}
+
+// Metric labels: the route that answers the URL, never the URL itself, so that clients cannot
+// grow the label sets.
+std::string method_label(const std::string& method) {
+    for (const char* known : {"GET", "POST", "OPTIONS", "HEAD", "PUT", "DELETE"}) {
+        if (method == known) return method;
+    }
+    return "other";
+}
+
+std::string endpoint_label(const std::string& method, const std::string& url) {
+    if (method == "POST") {
+        for (const PostRoute& route : post_routes()) {
+            if (url == route.path) return route.path;
+        }
+    } else if (method == "GET") {
+        for (const GetRoute& route : get_routes()) {
+            const bool matches = route.match_anywhere ? url.find(route.path) != std::string::npos
+                                                      : url == route.path;
+            if (matches && route.handler) return route.path;
+        }
+    }
+    return "other";
 }
 
 MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
@@ -156,6 +184,9 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
         if (record == nullptr) return MHD_NO;
         record->type =
             method == "POST" ? ConnectionRecord::Type::kPost : ConnectionRecord::Type::kGet;
+        record->method_label = method_label(method);
+        record->endpoint_label = endpoint_label(method, url);
+        record->started = std::chrono::steady_clock::now();
         if (method == "POST" && url == "/analyzeCapture") {
             bool refused = false;
             MHD_Result result = admit_upload(connection, record, refused);
@@ -206,14 +237,24 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
     return MHD_NO;
 }
 
-void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {
+void count_completed(MHD_Connection* connection, const ConnectionRecord& record) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_HTTP_STATUS);
+    const int status = info != nullptr ? static_cast<int>(info->http_status) : 0;
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - record.started;
+    metrics::count_request(record.method_label, record.endpoint_label, status, elapsed.count());
+}
+
+void request_completed(void*, MHD_Connection* connection, void** slot, MHD_RequestTerminationCode) {
     auto* record = static_cast<ConnectionRecord*>(*slot);
     if (record == nullptr) return;
+    count_completed(connection, *record);
     if (record->post_processor != nullptr) {
         MHD_destroy_post_processor(record->post_processor);
         record->post_processor = nullptr;
         LOG_NORMAL("Destroyed postprocessor");
         --g_uploads;
+        metrics::uploads_in_flight().add(-1);
         LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
     }
     // Still open here means the last chunk never came: the stored file is incomplete.

@@ -9,6 +9,7 @@
 // Endpoint handlers of the other subsystems; each file wires its own lines below.
 #include "http/capturedownload.h"
 #include "http/captureindexendpoints.h"
+#include "http/metricsendpoint.h"
 #include "http/sessionroutes.h"
 
 namespace vistrel::http {
@@ -61,6 +62,7 @@ const std::vector<GetRoute>& get_routes() {
         {"/getTidewells", false, reply_handler(session_routes::tidewells)},
         {"/getAvailability", false, reply_handler(session_routes::availability)},
         {"/getLastSession", false, reply_handler(session_routes::last_session)},
+        {"/metrics", false, handle_metrics},
     };
     return routes;
 }
