@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 namespace vistrel::metrics {
 
@@ -79,7 +80,11 @@ std::string Exposition::format_value(double value) {
     if (value == std::trunc(value) && std::fabs(value) < 9007199254740992.0) {
         std::snprintf(buffer, sizeof buffer, "%.0f", value);
     } else {
-        std::snprintf(buffer, sizeof buffer, "%.17g", value);
+        // The shortest of the usual precisions that reads back as the same value.
+        for (int precision : {15, 16, 17}) {
+            std::snprintf(buffer, sizeof buffer, "%.*g", precision, value);
+            if (std::strtod(buffer, nullptr) == value) break;
+        }
     }
     return buffer;
 }
