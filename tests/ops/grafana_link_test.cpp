@@ -98,8 +98,7 @@ TEST_F(GrafanaLinkTest, FilledDownloadLinkStreamsTheFilteredCapture) {
                     "from=" + std::to_string(kBase / 1000000) +
                         "&to=" + std::to_string((kBase + kPackets * kSecond) / 1000000));
         replace_all(url, "${__all_variables}",
-                    "var-cs_address=" + address + "&var-cs_port=" +
-                        std::to_string(server_.port()) +
+                    "var-cs_address=" + address + "&var-cs_port=" + std::to_string(server_.port()) +
                         "&var-esinterface=dev&var-bidirectionalfilter=false"
                         "&var-Filters=L4_DST_PORT%7C%3D%7C53");
         ASSERT_EQ(url.find('$'), std::string::npos) << "a variable Grafana would not fill";

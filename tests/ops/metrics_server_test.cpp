@@ -20,9 +20,9 @@ class MetricsServerTest : public OpsServerTest {
         EXPECT_EQ(response.headers["content-type"], "text/plain; version=0.0.4; charset=utf-8");
         const std::string path = data_.file("scrape-" + std::to_string(++files_) + ".txt");
         write_file(path, response.body);
-        const std::string parsed = run_command("/usr/bin/python3 " VISTREL_SOURCE_DIR
-                                               "/tests/ops/parse_metrics.py < " + path +
-                                               " 2>&1 && echo PARSED");
+        const std::string parsed =
+            run_command("/usr/bin/python3 " VISTREL_SOURCE_DIR "/tests/ops/parse_metrics.py < " +
+                        path + " 2>&1 && echo PARSED");
         EXPECT_NE(parsed.find("PARSED"), std::string::npos) << parsed << response.body;
         Samples samples;
         std::istringstream lines(parsed);
@@ -82,14 +82,14 @@ TEST_F(MetricsServerTest, CountersFollowTheRequestsMade) {
                   std::max(0.0, value(before, "vistrel_http_requests_total", status_ok)),
               3);
     // Unknown URLs share one label value, whatever the URL.
-    EXPECT_EQ(value(after, "vistrel_http_requests_total", {{"endpoint", "other"}, {"status", "404"}}),
-              1);
+    EXPECT_EQ(
+        value(after, "vistrel_http_requests_total", {{"endpoint", "other"}, {"status", "404"}}), 1);
     EXPECT_EQ(value(after, "vistrel_http_requests_total",
                     {{"method", "POST"}, {"endpoint", "/search"}, {"status", "400"}}),
               1);
-    EXPECT_GE(value(after, "vistrel_http_request_duration_seconds_count",
-                    {{"endpoint", "/getStatus"}}),
-              3);
+    EXPECT_GE(
+        value(after, "vistrel_http_request_duration_seconds_count", {{"endpoint", "/getStatus"}}),
+        3);
     EXPECT_EQ(value(after, "vistrel_http_request_duration_seconds_bucket",
                     {{"endpoint", "/getCapture"}, {"le", "+Inf"}}),
               2);

@@ -23,9 +23,9 @@ class OpsServerTest : public ::testing::Test {
                    "  - mac: \"00:1b:c5:00:00:21\"\n"
                    "    packets_per_second: 10\n");
         server_.set_env("TIDEWELL_SIM_CONFIG", data_.file("sim.yml"));
-        ASSERT_TRUE(server_.start({"--mode", "debug", "--host", "127.0.0.1", "--port",
-                                   std::to_string(server_.port()), "--database",
-                                   data_.file("index.db")}))
+        ASSERT_TRUE(
+            server_.start({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                           std::to_string(server_.port()), "--database", data_.file("index.db")}))
             << server_.output();
     }
 
@@ -38,10 +38,11 @@ class OpsServerTest : public ::testing::Test {
                           udp_frame(80, "10.0.0.1", "10.0.0.2", 4000, i % 3 == 0 ? 53 : 80));
         }
         write_file(data_.file("dev.pcapng"), pcapng.bytes());
-        ASSERT_EQ(http_.get("/addFile?file_path=" + url_encode(data_.file("dev.pcapng")) +
-                            "&start_ts=" + std::to_string(kBase) + "&end_ts=" +
-                            std::to_string(kBase + kPackets * kSecond) +
-                            "&n_packets=30&source=dev&es_index=vistrel")
+        ASSERT_EQ(http_
+                      .get("/addFile?file_path=" + url_encode(data_.file("dev.pcapng")) +
+                           "&start_ts=" + std::to_string(kBase) +
+                           "&end_ts=" + std::to_string(kBase + kPackets * kSecond) +
+                           "&n_packets=30&source=dev&es_index=vistrel")
                       .status,
                   200);
     }
