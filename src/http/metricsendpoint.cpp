@@ -10,7 +10,6 @@
 #include "engine/watchkeepprocess.h"
 #include "host/disk.h"
 #include "host/processes.h"
-#include "http/httpserver.h"
 #include "metrics/registry.h"
 #include "metrics/servermetrics.h"
 #include "startup/commandline.h"
@@ -39,7 +38,7 @@ void write_engine(Exposition& out) {
           started.value_or(0));
 }
 
-void write_devices(Exposition& out) {
+void write_devices(Exposition& out, const devices::TidewellFirmwareUpdater& firmware_updater) {
     const std::vector<devices::StatsThreadInfo> attached = devices::snapshot();
     gauge(out, "vistrel_devices_attached", "Capture devices attached",
           static_cast<double>(attached.size()));
@@ -50,16 +49,16 @@ void write_devices(Exposition& out) {
                    device.capturing() ? 1 : 0);
     }
     gauge(out, "vistrel_firmware_updates_in_progress", "Firmware updates still flashing",
-          static_cast<double>(HttpServer::instance().firmware_updater().running_count()));
+          static_cast<double>(firmware_updater.running_count()));
 }
 
-void write_server_state(Exposition& out) {
+void write_server_state(Exposition& out, const devices::TidewellFirmwareUpdater& firmware_updater) {
     out.family("vistrel_build_info", "The server's version", MetricType::kGauge);
     out.sample("vistrel_build_info", {{"version", kVersion}}, 1);
     gauge(out, "vistrel_start_time_seconds", "Start of the server process, Unix time",
           host::process_start_time(getpid()).value_or(0));
     write_engine(out);
-    write_devices(out);
+    write_devices(out, firmware_updater);
     const std::string& volume = configuration().capture_path;
     gauge(out, "vistrel_capture_volume_free_bytes",
           "Bytes available on the volume of the capture path; -1 when it cannot be measured",
@@ -73,11 +72,13 @@ void write_server_state(Exposition& out) {
 
 }  // namespace
 
-MHD_Result handle_metrics(const GetRequest& request) {
-    static std::once_flag registered;
-    std::call_once(registered, [] {
-        metrics::initialise_server_metrics();
-        metrics::Registry::instance().set_collector("server", write_server_state);
+MHD_Result handle_metrics(const GetRequest& request,
+                          const devices::TidewellFirmwareUpdater& firmware_updater) {
+    static std::once_flag initialised;
+    std::call_once(initialised, metrics::initialise_server_metrics);
+    // The updater lives as long as the server that answers this request.
+    metrics::Registry::instance().set_collector("server", [&firmware_updater](Exposition& out) {
+        write_server_state(out, firmware_updater);
     });
     const std::string text = metrics::Registry::instance().render();
     MHD_Response* response = MHD_create_response_from_buffer(

@@ -9,6 +9,7 @@
 // Endpoint handlers of the other subsystems; each file wires its own lines below.
 #include "http/capturedownload.h"
 #include "http/captureindexendpoints.h"
+#include "http/httpserver.h"
 #include "http/metricsendpoint.h"
 #include "http/sessionroutes.h"
 
@@ -62,7 +63,10 @@ const std::vector<GetRoute>& get_routes() {
         {"/getTidewells", false, reply_handler(session_routes::tidewells)},
         {"/getAvailability", false, reply_handler(session_routes::availability)},
         {"/getLastSession", false, reply_handler(session_routes::last_session)},
-        {"/metrics", false, handle_metrics},
+        {"/metrics", false,
+         [](const GetRequest& request) {
+             return handle_metrics(request, HttpServer::instance().firmware_updater());
+         }},
     };
     return routes;
 }
