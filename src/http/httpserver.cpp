@@ -102,34 +102,38 @@ std::string method_label(const std::string& method) {
     return "other";
 }
 
+// The first GET route that serves `url`; null when none does.
+const GetRoute* find_get_route(const std::string& url) {
+    for (const GetRoute& route : get_routes()) {
+        bool matches =
+            route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
+        if (matches && route.handler) return &route;
+    }
+    return nullptr;
+}
+
 std::string endpoint_label(const std::string& method, const std::string& url) {
     if (method == "POST") {
         for (const PostRoute& route : post_routes()) {
             if (url == route.path) return route.path;
         }
     } else if (method == "GET") {
-        for (const GetRoute& route : get_routes()) {
-            const bool matches = route.match_anywhere ? url.find(route.path) != std::string::npos
-                                                      : url == route.path;
-            if (matches && route.handler) return route.path;
-        }
+        if (const GetRoute* route = find_get_route(url)) return route->path;
     }
     return "other";
 }
 
 MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
-    QueryArguments arguments = arguments_of(connection);
-    for (const GetRoute& route : get_routes()) {
-        bool matches =
-            route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
-        if (!matches || !route.handler) continue;
-        try {
-            return route.handler(GetRequest{connection, url, arguments});
-        } catch (const std::exception& error) {
-            return send_html_page(connection, error.what(), false, 500);
-        }
+    const GetRoute* route = find_get_route(url);
+    if (route == nullptr) {
+        return send_html_page(connection, "Error : Unknown request " + url, false, 404);
     }
-    return send_html_page(connection, "Error : Unknown request " + url, false, 404);
+    QueryArguments arguments = arguments_of(connection);
+    try {
+        return route->handler(GetRequest{connection, url, arguments});
+    } catch (const std::exception& error) {
+        return send_html_page(connection, error.what(), false, 500);
+    }
 }
 
 // True when the client is this machine: its address is loopback or the configured host.
