@@ -17,7 +17,7 @@ namespace {
 using vistrel::testing::FrameSpec;
 
 struct Conversation {
-    FrameSpec spec;
+    FrameSpec shape;
     uint32_t remaining = 0;
     uint32_t sent = 0;
 };
@@ -45,40 +45,40 @@ std::string address(std::mt19937_64& random, bool six, bool server) {
 Conversation make_conversation(std::mt19937_64& random, bool long_lived) {
     Conversation c;
     const bool six = random() % 10 < 3;
-    c.spec.ip_src = address(random, six, false);
-    c.spec.ip_dst = address(random, six, true);
-    if (random() % 5 == 0) c.spec.vlan = static_cast<uint16_t>(1 + random() % 100);
+    c.shape.ip_src = address(random, six, false);
+    c.shape.ip_dst = address(random, six, true);
+    if (random() % 5 == 0) c.shape.vlan = static_cast<uint16_t>(1 + random() % 100);
     const unsigned kind = random() % 10;
-    c.spec.protocol = kind < 7 ? 6 : 17;
-    c.spec.port_src = static_cast<uint16_t>(32768 + random() % 28000);
+    c.shape.protocol = kind < 7 ? 6 : 17;
+    c.shape.port_src = static_cast<uint16_t>(32768 + random() % 28000);
     static const uint16_t kServices[] = {443, 80, 22, 8080, 993, 5432};
-    c.spec.port_dst = c.spec.protocol == 17 ? (kind == 7 ? 53 : 123) : kServices[random() % 6];
+    c.shape.port_dst = c.shape.protocol == 17 ? (kind == 7 ? 53 : 123) : kServices[random() % 6];
     c.remaining = long_lived ? 1u << 30 : static_cast<uint32_t>(2 + random() % 19);
     return c;
 }
 
 std::string next_frame(std::mt19937_64& random, Conversation& c, bool long_lived) {
-    FrameSpec spec = c.spec;
+    FrameSpec shape = c.shape;
     const bool reply = c.sent % 2 == 1;
     if (reply) {
-        std::swap(spec.ip_src, spec.ip_dst);
-        std::swap(spec.port_src, spec.port_dst);
-        std::swap(spec.mac_src, spec.mac_dst);
+        std::swap(shape.ip_src, shape.ip_dst);
+        std::swap(shape.port_src, shape.port_dst);
+        std::swap(shape.mac_src, shape.mac_dst);
     }
-    if (spec.protocol == 6) {
-        spec.tcp_flags = c.sent == 0 ? 0x02 : c.sent == 1 ? 0x12 : c.remaining == 1 ? 0x11 : 0x18;
+    if (shape.protocol == 6) {
+        shape.tcp_flags = c.sent == 0 ? 0x02 : c.sent == 1 ? 0x12 : c.remaining == 1 ? 0x11 : 0x18;
     }
     size_t size = long_lived ? 1400 : (random() % 4 == 0 ? 1200 + random() % 250 : random() % 300);
-    if (spec.port_dst == 53 || spec.port_src == 53) {
-        spec.payload =
+    if (shape.port_dst == 53 || shape.port_src == 53) {
+        shape.payload =
             vistrel::testing::dns_message("host" + std::to_string(random() % 1000) + ".example.org",
                                           static_cast<uint16_t>(random()), 1, reply);
-    } else if (c.sent >= 2 || spec.protocol == 17) {
-        spec.payload.assign(size, 'x');
+    } else if (c.sent >= 2 || shape.protocol == 17) {
+        shape.payload.assign(size, 'x');
     }
     ++c.sent;
     --c.remaining;
-    return vistrel::testing::build_frame(spec);
+    return vistrel::testing::build_frame(shape);
 }
 
 }  // namespace

@@ -31,43 +31,43 @@ std::string address(const std::string& text, bool six) {
     return std::string(reinterpret_cast<char*>(bytes), six ? 16 : 4);
 }
 
-std::string transport(const FrameSpec& spec) {
+std::string transport(const FrameSpec& shape) {
     std::string out;
-    if (spec.protocol == 6) {
-        put16(out, spec.port_src);
-        put16(out, spec.port_dst);
+    if (shape.protocol == 6) {
+        put16(out, shape.port_src);
+        put16(out, shape.port_dst);
         out.append(8, '\0');  // sequence and acknowledgement numbers
         out += static_cast<char>(5 << 4);
-        out += static_cast<char>(spec.tcp_flags);
+        out += static_cast<char>(shape.tcp_flags);
         put16(out, 65535);
         out.append(4, '\0');
-    } else if (spec.protocol == 17) {
-        put16(out, spec.port_src);
-        put16(out, spec.port_dst);
-        put16(out, static_cast<uint16_t>(8 + spec.payload.size()));
+    } else if (shape.protocol == 17) {
+        put16(out, shape.port_src);
+        put16(out, shape.port_dst);
+        put16(out, static_cast<uint16_t>(8 + shape.payload.size()));
         out.append(2, '\0');
-    } else if (spec.protocol == 1 || spec.protocol == 58) {
+    } else if (shape.protocol == 1 || shape.protocol == 58) {
         out += static_cast<char>(8);  // echo request
         out.append(7, '\0');
     }
-    return out + spec.payload;
+    return out + shape.payload;
 }
 
 }  // namespace
 
-std::string build_frame(const FrameSpec& spec) {
-    const bool six = spec.ip_src.find(':') != std::string::npos;
-    const bool fragmented = spec.more_fragments || spec.fragment_offset != 0;
-    const std::string body = spec.fragment_offset != 0 ? spec.payload : transport(spec);
+std::string build_frame(const FrameSpec& shape) {
+    const bool six = shape.ip_src.find(':') != std::string::npos;
+    const bool fragmented = shape.more_fragments || shape.fragment_offset != 0;
+    const std::string body = shape.fragment_offset != 0 ? shape.payload : transport(shape);
     std::string frame;
-    put_mac(frame, spec.mac_dst);
-    put_mac(frame, spec.mac_src);
-    if (spec.vlan) {
-        put16(frame, spec.inner_vlan ? 0x88a8 : 0x8100);
-        put16(frame, *spec.vlan);
-        if (spec.inner_vlan) {
+    put_mac(frame, shape.mac_dst);
+    put_mac(frame, shape.mac_src);
+    if (shape.vlan) {
+        put16(frame, shape.inner_vlan ? 0x88a8 : 0x8100);
+        put16(frame, *shape.vlan);
+        if (shape.inner_vlan) {
             put16(frame, 0x8100);
-            put16(frame, *spec.inner_vlan);
+            put16(frame, *shape.inner_vlan);
         }
     }
     put16(frame, six ? 0x86dd : 0x0800);
@@ -75,28 +75,28 @@ std::string build_frame(const FrameSpec& spec) {
         frame += static_cast<char>(0x60);
         frame.append(3, '\0');
         put16(frame, static_cast<uint16_t>(body.size() + (fragmented ? 8 : 0)));
-        frame += static_cast<char>(fragmented ? 44 : spec.protocol);
+        frame += static_cast<char>(fragmented ? 44 : shape.protocol);
         frame += static_cast<char>(64);
-        frame += address(spec.ip_src, true) + address(spec.ip_dst, true);
+        frame += address(shape.ip_src, true) + address(shape.ip_dst, true);
         if (fragmented) {
-            frame += static_cast<char>(spec.protocol);
+            frame += static_cast<char>(shape.protocol);
             frame += '\0';
             put16(frame,
-                  static_cast<uint16_t>(spec.fragment_offset << 3 | (spec.more_fragments ? 1 : 0)));
-            put16(frame, static_cast<uint16_t>(spec.fragment_id >> 16));
-            put16(frame, static_cast<uint16_t>(spec.fragment_id & 0xffff));
+                  static_cast<uint16_t>(shape.fragment_offset << 3 | (shape.more_fragments ? 1 : 0)));
+            put16(frame, static_cast<uint16_t>(shape.fragment_id >> 16));
+            put16(frame, static_cast<uint16_t>(shape.fragment_id & 0xffff));
         }
     } else {
         frame += static_cast<char>(0x45);
         frame += '\0';
         put16(frame, static_cast<uint16_t>(20 + body.size()));
-        put16(frame, static_cast<uint16_t>(spec.fragment_id));
-        put16(frame, static_cast<uint16_t>((spec.more_fragments ? 0x2000 : 0) |
-                                           (spec.fragment_offset & 0x1fff)));
+        put16(frame, static_cast<uint16_t>(shape.fragment_id));
+        put16(frame, static_cast<uint16_t>((shape.more_fragments ? 0x2000 : 0) |
+                                           (shape.fragment_offset & 0x1fff)));
         frame += static_cast<char>(64);
-        frame += static_cast<char>(spec.protocol);
+        frame += static_cast<char>(shape.protocol);
         frame.append(2, '\0');
-        frame += address(spec.ip_src, false) + address(spec.ip_dst, false);
+        frame += address(shape.ip_src, false) + address(shape.ip_dst, false);
     }
     frame += body;
     // Ethernet minimum, padding included as on the wire.

@@ -26,7 +26,7 @@ struct FrameSpec {
 };
 
 // The frame; a non-first fragment carries `payload` directly after the IP header.
-std::string build_frame(const FrameSpec& spec);
+std::string build_frame(const FrameSpec& shape);
 
 // An ARP request (opcode 1) or reply (2) over Ethernet.
 std::string arp_frame(uint16_t opcode, const std::string& sender_mac, const std::string& sender_ip,
