@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "capture/pcapngwriter.h"
+
 namespace vistrel::bench {
 
 namespace {
@@ -52,69 +54,32 @@ std::vector<uint8_t> frame(size_t length, uint64_t i) {
 
 }  // namespace
 
-GeneratedFile generate_capture(const std::string& path, bool pcapng, uint64_t target_bytes,
-                               uint64_t start_ns, uint64_t spacing_ns) {
-    GeneratedFile result;
-    result.path = path;
+namespace {
+
+// Classic pcap in microseconds, written by hand: the pcapng writer knows only pcapng.
+void generate_pcap(const std::string& path, uint64_t target_bytes, uint64_t spacing_ns,
+                   GeneratedFile& result) {
     std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(path.c_str(), "wb"), &std::fclose);
-    if (!out) return result;
+    if (!out) return;
     std::vector<uint8_t> bytes;
-    if (pcapng) {
-        put32(bytes, 0x0A0D0D0A);
-        put32(bytes, 28);
-        put32(bytes, 0x1A2B3C4D);
-        put16(bytes, 1);
-        put16(bytes, 0);
-        put32(bytes, 0xFFFFFFFF);
-        put32(bytes, 0xFFFFFFFF);
-        put32(bytes, 28);
-        for (int k = 0; k < 2; ++k) {
-            put32(bytes, 1);
-            put32(bytes, 32);
-            put16(bytes, 1);
-            put16(bytes, 0);
-            put32(bytes, 65535);
-            put16(bytes, 9);
-            put16(bytes, 1);
-            put32(bytes, 9);
-            put32(bytes, 0);
-            put32(bytes, 32);
-        }
-    } else {
-        put32(bytes, 0xA1B2C3D4);
-        put16(bytes, 2);
-        put16(bytes, 4);
-        put32(bytes, 0);
-        put32(bytes, 0);
-        put32(bytes, 65535);
-        put32(bytes, 1);
-    }
+    put32(bytes, 0xA1B2C3D4);
+    put16(bytes, 2);
+    put16(bytes, 4);
+    put32(bytes, 0);
+    put32(bytes, 0);
+    put32(bytes, 65535);
+    put32(bytes, 1);
     uint64_t written = 0;
-    uint64_t timestamp = start_ns;
-    result.first_ns = start_ns;
+    uint64_t timestamp = result.first_ns;
     for (uint64_t i = 0; written + bytes.size() < target_bytes; ++i) {
         const size_t length = frame_length(i);
         const std::vector<uint8_t> data = frame(length, i);
-        if (!pcapng) timestamp -= timestamp % 1000;  // microseconds
-        if (pcapng) {
-            const uint32_t padded = static_cast<uint32_t>((length + 3) & ~size_t{3});
-            put32(bytes, 6);
-            put32(bytes, padded + 32);
-            put32(bytes, static_cast<uint32_t>(i % 2));
-            put32(bytes, static_cast<uint32_t>(timestamp >> 32));
-            put32(bytes, static_cast<uint32_t>(timestamp));
-            put32(bytes, static_cast<uint32_t>(length));
-            put32(bytes, static_cast<uint32_t>(length));
-            bytes.insert(bytes.end(), data.begin(), data.end());
-            bytes.resize(bytes.size() + (padded - length), 0);
-            put32(bytes, padded + 32);
-        } else {
-            put32(bytes, static_cast<uint32_t>(timestamp / 1000000000));
-            put32(bytes, static_cast<uint32_t>(timestamp % 1000000000 / 1000));
-            put32(bytes, static_cast<uint32_t>(length));
-            put32(bytes, static_cast<uint32_t>(length));
-            bytes.insert(bytes.end(), data.begin(), data.end());
-        }
+        timestamp -= timestamp % 1000;
+        put32(bytes, static_cast<uint32_t>(timestamp / 1000000000));
+        put32(bytes, static_cast<uint32_t>(timestamp % 1000000000 / 1000));
+        put32(bytes, static_cast<uint32_t>(length));
+        put32(bytes, static_cast<uint32_t>(length));
+        bytes.insert(bytes.end(), data.begin(), data.end());
         result.last_ns = timestamp;
         ++result.packets;
         timestamp += spacing_ns;
@@ -125,8 +90,40 @@ GeneratedFile generate_capture(const std::string& path, bool pcapng, uint64_t ta
         }
     }
     std::fwrite(bytes.data(), 1, bytes.size(), out.get());
-    written += bytes.size();
-    result.bytes = written;
+    result.bytes = written + bytes.size();
+}
+
+// pcapng with two nanosecond Ethernet interfaces, packets alternating between them.
+void generate_pcapng(const std::string& path, uint64_t target_bytes, uint64_t spacing_ns,
+                     GeneratedFile& result) {
+    capture::PcapngWriter writer;
+    if (!writer.open(path, {"", ""})) return;
+    uint64_t timestamp = result.first_ns;
+    for (uint64_t i = 0; writer.bytes_written() < target_bytes; ++i) {
+        const size_t length = frame_length(i);
+        const std::vector<uint8_t> data = frame(length, i);
+        writer.write_packet(static_cast<uint32_t>(i % 2), timestamp, data.data(),
+                            static_cast<uint32_t>(length));
+        result.last_ns = timestamp;
+        ++result.packets;
+        timestamp += spacing_ns;
+    }
+    writer.close();
+    result.bytes = writer.bytes_written();
+}
+
+}  // namespace
+
+GeneratedFile generate_capture(const std::string& path, bool pcapng, uint64_t target_bytes,
+                               uint64_t start_ns, uint64_t spacing_ns) {
+    GeneratedFile result;
+    result.path = path;
+    result.first_ns = start_ns;
+    if (pcapng) {
+        generate_pcapng(path, target_bytes, spacing_ns, result);
+    } else {
+        generate_pcap(path, target_bytes, spacing_ns, result);
+    }
     return result;
 }
 

@@ -23,7 +23,9 @@ uint64_t now_ns() {
 }  // namespace
 
 CaptureWriter::CaptureWriter(CaptureOptions options)
-    : options_(std::move(options)), generator_(options_.seed), rate_(options_.packets_per_second) {}
+    : options_(std::move(options)), generator_(options_.seed), rate_(options_.packets_per_second) {
+    writer_.set_application("Tidewell device simulator");
+}
 
 CaptureWriter::~CaptureWriter() {
     stop();

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "pcapngwriter.h"
+#include "capture/pcapngwriter.h"
 #include "trafficgenerator.h"
 
 namespace vistrel::sim {
@@ -61,7 +61,7 @@ class CaptureWriter {
 
     CaptureOptions options_;
     TrafficGenerator generator_;
-    PcapngWriter writer_;
+    capture::PcapngWriter writer_;
     std::deque<std::string> files_;  // files of this capture, oldest first
     uint64_t closed_bytes_ = 0;      // bytes of the files already closed
 

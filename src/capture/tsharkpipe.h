@@ -1,12 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <string>
 
 #include "database/captureindex.h"
+#include "host/childprocess.h"
 
 namespace vistrel::capture {
 
@@ -43,16 +42,9 @@ class TsharkPipe {
     const std::string& program() const { return tshark_path_; }
 
   private:
-    bool child_running();
-    void reap();
-
     std::atomic<int32_t> finished_{0};
     std::string tshark_path_;
-    int child_input_read_ = -1;
-    int input_write_ = -1;
-    int output_read_ = -1;
-    int child_output_write_ = -1;
-    pid_t pid_ = -1;
+    host::ChildProcess child_;
 };
 
 }  // namespace vistrel::capture

@@ -14,6 +14,7 @@
 
 #include "devices/devicelibrary.h"
 #include "devices/deviceregistry.h"
+#include "host/uniquefd.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 
@@ -27,20 +28,6 @@ constexpr int kSntpReplyTimeoutMs = 200;
 constexpr uint64_t kWindowStart = 200'000'000;  // a reply must lie well inside its second
 constexpr uint64_t kWindowEnd = 700'000'000;
 constexpr uint32_t kNtpToUnix = 2085978496u;  // -2208988800 modulo 2^32
-
-class Socket {
-  public:
-    explicit Socket(int fd) : fd_(fd) {}
-    ~Socket() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int fd() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 // "host", "host:port" or "[v6]:port"; the port defaults to 123, the "ntp" service (numeric, so
 // that a machine without /etc/services resolves it too).
@@ -89,15 +76,15 @@ int sntp_query(const std::string& server, uint32_t& seconds, uint64_t& nanosecon
     uint8_t packet[48] = {};
     packet[0] = 0xDB;  // leap indicator 3, version 3, mode 3 (client)
     packet[2] = 10;    // poll interval
-    Socket socket(::socket(AF_INET, SOCK_DGRAM, 0));
-    if (socket.fd() < 0) return -3;
+    host::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
+    if (socket.get() < 0) return -3;
     sockaddr_in address{};
     if (!resolve_ipv4(server, address)) return -4;
-    if (::sendto(socket.fd(), packet, sizeof(packet), 0, reinterpret_cast<sockaddr*>(&address),
+    if (::sendto(socket.get(), packet, sizeof(packet), 0, reinterpret_cast<sockaddr*>(&address),
                  sizeof(address)) < 0) {
         return -5;
     }
-    pollfd waiter{socket.fd(), POLLIN, 0};
+    pollfd waiter{socket.get(), POLLIN, 0};
     const int ready = ::poll(&waiter, 1, kSntpReplyTimeoutMs);
     if (ready == 0) {
         std::printf("Timeout..\n");
@@ -107,7 +94,7 @@ int sntp_query(const std::string& server, uint32_t& seconds, uint64_t& nanosecon
         std::printf("Error..\n");
         return -2;
     }
-    const ssize_t received = ::recv(socket.fd(), packet, sizeof(packet), 0);
+    const ssize_t received = ::recv(socket.get(), packet, sizeof(packet), 0);
     if (received < 0) return static_cast<int>(received);
     uint32_t words[8];
     std::memcpy(words, packet + 16, sizeof(words));

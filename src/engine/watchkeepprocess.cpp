@@ -1,10 +1,7 @@
 #include "engine/watchkeepprocess.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,40 +10,13 @@
 
 #include "engine/commandline.h"
 #include "engine/engineresult.h"
+#include "host/childprocess.h"
 #include "host/processes.h"
 #include "startup/logger.h"
-
-extern char** environ;
 
 namespace vistrel::engine {
 
 namespace {
-
-// posix_spawn attributes and file actions, destroyed on every path.
-class SpawnSetup {
-  public:
-    SpawnSetup() {
-        posix_spawnattr_init(&attributes);
-        posix_spawn_file_actions_init(&actions);
-    }
-    ~SpawnSetup() {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
-    }
-    SpawnSetup(const SpawnSetup&) = delete;
-    SpawnSetup& operator=(const SpawnSetup&) = delete;
-
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t actions;
-};
-
-// Collects the child once it ends so it does not linger as a zombie.
-void reap_when_done(pid_t pid) {
-    std::thread([pid] {
-        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }).detach();
-}
 
 // Writes without letting a vanished reader raise SIGPIPE on the process: the signal is blocked
 // on this thread for the write, and one it caused is taken back before unblocking.
@@ -104,58 +74,29 @@ uint32_t WatchkeepProcess::launch(const std::string& command_line) {
 }
 
 void WatchkeepProcess::create_process(const std::string& command_line) {
-    int pipe_ends[2];
-    // Close-on-exec keeps the write end out of every other child, so closing it here really
-    // ends the engine's input.
-    if (pipe2(pipe_ends, O_CLOEXEC) != 0) {
-        LOG_ERROR("Could not create child input pipe (STDIN)");
-        return;
-    }
-    int read_end = pipe_ends[0];
-    int write_end = pipe_ends[1];
-
     std::vector<std::string> arguments =
         split_command_line(command_line.substr(0, kMaxCommandLine));
-    if (arguments.empty()) {
-        LOG_ERROR("Could not start Quillmarsh process: %d", EINVAL);
-        close(read_end);
-        close(write_end);
-        return;
-    }
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-
-    SpawnSetup setup;
-    posix_spawn_file_actions_adddup2(&setup.actions, read_end, STDIN_FILENO);
-    posix_spawn_file_actions_addopen(&setup.actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&setup.actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     // Own process group, default signal handling and nothing blocked, whatever the server
     // did with its own signals: the engine must still answer an interrupt.
-    sigset_t no_signals;
-    sigemptyset(&no_signals);
-    sigset_t default_signals;
-    sigemptyset(&default_signals);
-    sigaddset(&default_signals, SIGPIPE);
-    sigaddset(&default_signals, SIGINT);
-    sigaddset(&default_signals, SIGTERM);
-    posix_spawnattr_setflags(
-        &setup.attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawnattr_setpgroup(&setup.attributes, 0);
-    posix_spawnattr_setsigmask(&setup.attributes, &no_signals);
-    posix_spawnattr_setsigdefault(&setup.attributes, &default_signals);
-
-    pid_t pid = 0;
-    int error =
-        posix_spawnp(&pid, argv[0], &setup.actions, &setup.attributes, argv.data(), environ);
-    close(read_end);
-    if (error != 0) {
-        LOG_ERROR("Could not start Quillmarsh process: %d", error);
-        close(write_end);
+    host::ChildProcess::Options options;
+    options.input = host::ChildProcess::Stream::kPipe;
+    options.output = host::ChildProcess::Stream::kNull;
+    options.error = host::ChildProcess::Stream::kNull;
+    options.new_process_group = true;
+    options.search_path = true;
+    host::ChildProcess child;
+    if (!child.start(arguments, options)) {
+        if (child.failure() == host::ChildProcess::Failure::kInputPipe) {
+            LOG_ERROR("Could not create child input pipe (STDIN)");
+        } else {
+            LOG_ERROR("Could not start Quillmarsh process: %d", child.error());
+        }
         return;
     }
-    reap_when_done(pid);
-    replace_child_input(write_end);
+    // The engine outlives this call; its input pipe (close-on-exec, so closing it here really
+    // ends the engine's input) is what stop() writes to.
+    replace_child_input(child.input().release());
+    child.detach();
 }
 
 uint32_t WatchkeepProcess::stop() {

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "host/paths.h"
+#include "host/uniquefd.h"
 
 namespace vistrel {
 
@@ -28,23 +29,6 @@ sigset_t stop_signal_set() {
     sigaddset(&set, SIGTERM);
     return set;
 }
-
-// A descriptor that is closed on every path out of its scope.
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
 
 int open_signal_fd() {
     sigset_t set = stop_signal_set();
@@ -87,7 +71,7 @@ void block_stop_signals() {
 }
 
 void wait_for_key_or_stop_signal() {
-    FileDescriptor signals(open_signal_fd());
+    host::UniqueFd signals(open_signal_fd());
     bool terminal = isatty(STDIN_FILENO) == 1;
     std::optional<RawTerminal> raw;
     if (terminal) raw.emplace();
@@ -142,9 +126,9 @@ bool ControlPipe::create() {
 }
 
 void ControlPipe::wait_for_signal() {
-    FileDescriptor signals(open_signal_fd());
+    host::UniqueFd signals(open_signal_fd());
     while (true) {
-        FileDescriptor pipe(created_ ? ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+        host::UniqueFd pipe(created_ ? ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
                                      : -1);
         struct pollfd fds[2] = {{signals.get(), POLLIN, 0}, {pipe.get(), POLLIN, 0}};
         int count = pipe.get() >= 0 ? 2 : 1;

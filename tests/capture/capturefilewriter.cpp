@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "capture/pcapngblocks.h"
+
 namespace vistrel::testing {
 
 std::string udp_frame(size_t length, const std::string& source, const std::string& destination,
@@ -47,45 +49,28 @@ PcapBuilder& PcapBuilder::record(uint32_t seconds, uint32_t fraction, const std:
 }
 
 PcapngBuilder& PcapngBuilder::block(uint32_t type, const std::string& body) {
-    const std::string padded = body + std::string((4 - body.size() % 4) % 4, '\0');
-    const uint32_t total = static_cast<uint32_t>(padded.size() + 12);
-    append(bytes_, type);
-    append(bytes_, total);
-    bytes_ += padded;
-    append(bytes_, total);
+    capture::pcapng::append_block(bytes_, type, body);
     return *this;
 }
 
 PcapngBuilder& PcapngBuilder::section() {
-    std::string body;
-    append(body, uint32_t{0x1A2B3C4D});
-    append(body, uint32_t{1});  // version 1.0
-    append(body, ~uint64_t{0});
-    return block(0x0A0D0D0A, body);
+    capture::pcapng::append_section_header(bytes_);
+    return *this;
 }
 
 PcapngBuilder& PcapngBuilder::interface(std::optional<uint8_t> resolution) {
-    std::string body;
-    append(body, uint32_t{1});  // Ethernet
-    append(body, uint32_t{65535});
-    if (resolution) {
-        append(body, uint32_t{0x00010009});  // if_tsresol, 1 byte
-        append(body, uint32_t{*resolution});
-        append(body, uint32_t{0});
-    }
-    return block(1, body);
+    capture::pcapng::append_interface(bytes_, capture::pcapng::kLinkTypeEthernet, {}, resolution);
+    return *this;
 }
 
 PcapngBuilder& PcapngBuilder::packet(uint32_t interface_id, uint64_t timestamp,
                                      const std::string& data,
                                      std::optional<uint32_t> original_length) {
-    std::string body;
-    append(body, interface_id);
-    append(body, static_cast<uint32_t>(timestamp >> 32));
-    append(body, static_cast<uint32_t>(timestamp));
-    append(body, static_cast<uint32_t>(data.size()));
-    append(body, original_length.value_or(static_cast<uint32_t>(data.size())));
-    return block(6, body + data);
+    const auto length = static_cast<uint32_t>(data.size());
+    capture::pcapng::append_enhanced_packet(bytes_, interface_id, timestamp,
+                                            reinterpret_cast<const uint8_t*>(data.data()), length,
+                                            original_length.value_or(length));
+    return *this;
 }
 
 std::string expected_epb(uint32_t interface_id, uint64_t timestamp, const std::string& data,

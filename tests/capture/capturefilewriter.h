@@ -30,7 +30,7 @@ class PcapBuilder {
     std::string bytes_;
 };
 
-// pcapng: blocks in the order they are added.
+// pcapng: blocks in the order they are added, encoded as the pcapng writer does.
 class PcapngBuilder {
   public:
     PcapngBuilder& section();
