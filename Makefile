@@ -6,7 +6,7 @@ FUZZ_DIR := build/fuzz
 STAGE_ROOT := $(abspath $(RELEASE_DIR))/quellwick
 PORT ?= 8081
 
-.PHONY: all deps build run test bench fuzz format clean
+.PHONY: all deps build run test demo bench fuzz format clean
 
 all: build
 
@@ -27,6 +27,12 @@ test: deps
 	cmake --build $(ASAN_DIR) -j$(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j$(JOBS) --timeout 600
 
+# One capture from start to finish (server, engine, a simulated device, lo), step by step.
+# Live capture needs root; a private PID namespace keeps other engines of the machine out of it.
+demo: build
+	cmake --build $(RELEASE_DIR) -j$(JOBS) --target watchkeep_demo
+	unshare --pid --fork --mount-proc $(RELEASE_DIR)/tests/watchkeep/watchkeep_demo
+
 bench:
 	./scripts/install-deps.sh --bench
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release
@@ -39,7 +45,7 @@ fuzz:
 	cmake --build $(FUZZ_DIR) -j$(JOBS) --target fuzzers
 
 format:
-	find src include sim tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+	find src include sim watchkeep tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
 	rm -rf build
