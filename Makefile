@@ -38,6 +38,7 @@ bench:
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(RELEASE_DIR) -j$(JOBS)
 	./bench/run-bench.sh $(RELEASE_DIR)
+	./bench/live-capture-bench.sh $(RELEASE_DIR)
 
 fuzz:
 	./scripts/install-deps.sh --fuzz
