@@ -76,6 +76,12 @@ bool WatchkeepProcess::child_ended_cleanly() {
     return true;
 }
 
+void WatchkeepProcess::forget_ended_child() {
+    std::lock_guard lock(child_mutex_);
+    // Collects an engine that has ended; one still running is left alone.
+    if (child_ && child_->exit_status()) child_.reset();
+}
+
 uint32_t WatchkeepProcess::launch(const std::string& command_line, const Environment& environment) {
     if (command_line.empty()) return kEngineInvalidCommand;
     if (is_running()) return kEngineAlreadyRunning;
@@ -141,6 +147,7 @@ uint32_t WatchkeepProcess::stop() {
     }
     if (!is_running()) {
         LOG_WARNING("Killed watchkeep gracefully (WINDOWS)");
+        forget_ended_child();
         return kEngineDone;
     }
     LOG_WARNING("Killing watchkeep - Going to try hand kill");
@@ -149,6 +156,7 @@ uint32_t WatchkeepProcess::stop() {
         return kEngineError;
     }
     LOG_WARNING("Killed Watchkeep by name");
+    forget_ended_child();
     return kEngineDone;
 }
 

@@ -55,6 +55,7 @@ class WatchkeepProcess {
     void replace_child_input(int fd);
     // True when the last child started has ended with exit status 0; logs any other end.
     bool child_ended_cleanly();
+    void forget_ended_child();
 
     EngineTiming timing_;
     std::atomic<int> child_input_{-1};
