@@ -9,7 +9,10 @@
 #include <cctype>
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
+#include <tuple>
 
 namespace vistrel::testing {
 
@@ -37,6 +40,34 @@ MHD_Result collect_argument(void* context, MHD_ValueKind /*kind*/, const char* k
     return MHD_YES;
 }
 
+bool is_bulk(const RecordedRequest& request) {
+    const std::string_view suffix = "/_bulk";
+    return request.method == "POST" && request.path.size() >= suffix.size() &&
+           request.path.compare(request.path.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The non-empty lines of an NDJSON body.
+std::vector<std::string_view> lines_of(std::string_view body) {
+    std::vector<std::string_view> lines;
+    while (!body.empty()) {
+        size_t end = body.find('\n');
+        std::string_view line = body.substr(0, end);
+        if (!line.empty()) lines.push_back(line);
+        if (end == std::string_view::npos) break;
+        body.remove_prefix(end + 1);
+    }
+    return lines;
+}
+
+std::string error_body(int status) {
+    nlohmann::json body = {
+        {"error",
+         {{"type", status == 429 ? "es_rejected_execution_exception" : "stand_in_error"},
+          {"reason", "the stand-in was told to answer " + std::to_string(status)}}},
+        {"status", status}};
+    return body.dump();
+}
+
 }  // namespace
 
 std::optional<std::string> RecordedRequest::header(const std::string& name) const {
@@ -50,25 +81,51 @@ std::string RecordedRequest::target() const {
 }
 
 ElasticsearchStandIn::ElasticsearchStandIn() {
+    listen(0);
+}
+
+ElasticsearchStandIn::~ElasticsearchStandIn() {
+    stop();
+}
+
+void ElasticsearchStandIn::listen(uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = 0;
+    address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION, 0,
                                nullptr, nullptr, &ElasticsearchStandIn::on_request, this,
-                               MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_NOTIFY_COMPLETED,
-                               &ElasticsearchStandIn::on_completed, this, MHD_OPTION_END);
+                               MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_LISTENING_ADDRESS_REUSE,
+                               1U, MHD_OPTION_NOTIFY_COMPLETED, &ElasticsearchStandIn::on_completed,
+                               this, MHD_OPTION_END);
     if (daemon_ == nullptr) throw std::runtime_error("Elasticsearch stand-in failed to start");
     const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
     port_ = info != nullptr ? info->port : 0;
     if (port_ == 0) {
         MHD_stop_daemon(daemon_);
+        daemon_ = nullptr;
         throw std::runtime_error("Elasticsearch stand-in has no port");
     }
 }
 
-ElasticsearchStandIn::~ElasticsearchStandIn() {
+void ElasticsearchStandIn::stop() {
+    if (daemon_ == nullptr) return;
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    silence_ended_.notify_all();
     MHD_stop_daemon(daemon_);
+    daemon_ = nullptr;
+}
+
+void ElasticsearchStandIn::start() {
+    if (daemon_ != nullptr) return;
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = false;
+    }
+    listen(port_);
 }
 
 std::string ElasticsearchStandIn::address() const {
@@ -89,6 +146,102 @@ std::vector<RecordedRequest> ElasticsearchStandIn::requests() const {
 void ElasticsearchStandIn::clear() {
     std::lock_guard lock(mutex_);
     requests_.clear();
+    bulk_documents_.clear();
+    bulk_document_count_ = 0;
+    bulk_request_count_ = 0;
+}
+
+void ElasticsearchStandIn::bulk_status(int status, size_t count) {
+    std::lock_guard lock(mutex_);
+    bulk_status_ = status;
+    bulk_status_count_ = count;
+}
+
+void ElasticsearchStandIn::bulk_max_documents(size_t documents) {
+    std::lock_guard lock(mutex_);
+    bulk_max_documents_ = documents;
+}
+
+void ElasticsearchStandIn::bulk_item_error(std::string needle) {
+    std::lock_guard lock(mutex_);
+    bulk_item_error_ = std::move(needle);
+}
+
+void ElasticsearchStandIn::bulk_silent(bool silent) {
+    {
+        std::lock_guard lock(mutex_);
+        bulk_silent_ = silent;
+    }
+    silence_ended_.notify_all();
+}
+
+void ElasticsearchStandIn::bulk_discard(bool discard) {
+    std::lock_guard lock(mutex_);
+    bulk_discard_ = discard;
+}
+
+std::map<std::string, std::vector<std::string>> ElasticsearchStandIn::bulk_documents() const {
+    std::lock_guard lock(mutex_);
+    return bulk_documents_;
+}
+
+size_t ElasticsearchStandIn::bulk_document_count() const {
+    std::lock_guard lock(mutex_);
+    return bulk_document_count_;
+}
+
+size_t ElasticsearchStandIn::bulk_request_count() const {
+    std::lock_guard lock(mutex_);
+    return bulk_request_count_;
+}
+
+std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequest& request) {
+    ++bulk_request_count_;
+    if (bulk_status_count_ > 0) {
+        --bulk_status_count_;
+        return {bulk_status_, error_body(bulk_status_)};
+    }
+    std::vector<std::string_view> lines = lines_of(request.body);
+    if (bulk_discard_) {
+        bulk_document_count_ += lines.size() / 2;
+        return {200, R"({"took":0,"errors":false,"items":[]})"};
+    }
+    if (bulk_max_documents_ > 0 && lines.size() / 2 > bulk_max_documents_) {
+        return {413, error_body(413)};
+    }
+    nlohmann::json items = nlohmann::json::array();
+    bool errors = false;
+    for (size_t i = 0; i + 1 < lines.size(); i += 2) {
+        nlohmann::json action = nlohmann::json::parse(lines[i], nullptr, false);
+        std::string operation = "index";
+        std::string index;
+        if (action.is_object() && !action.empty()) {
+            operation = action.begin().key();
+            index = action.begin()->value("_index", "");
+        }
+        nlohmann::json item = {{"_index", index}};
+        std::string_view document = lines[i + 1];
+        if (index.empty() || !nlohmann::json::accept(document)) {
+            errors = true;
+            item["status"] = 400;
+            item["error"] = {{"type", "illegal_argument_exception"},
+                             {"reason", "no index or no JSON document"}};
+        } else if (!bulk_item_error_.empty() &&
+                   document.find(bulk_item_error_) != std::string_view::npos) {
+            errors = true;
+            item["status"] = 400;
+            item["error"] = {{"type", "mapper_parsing_exception"},
+                             {"reason", "failed to parse field [" + bulk_item_error_ + "]"}};
+        } else {
+            item["status"] = 201;
+            item["result"] = "created";
+            bulk_documents_[index].emplace_back(document);
+            ++bulk_document_count_;
+        }
+        items.push_back({{operation, item}});
+    }
+    nlohmann::json body = {{"took", 1}, {"errors", errors}, {"items", items}};
+    return {200, body.dump()};
 }
 
 uint16_t ElasticsearchStandIn::closed_port() {
@@ -148,10 +301,17 @@ MHD_Result ElasticsearchStandIn::handle(MHD_Connection* connection, const char* 
     int status = 0;
     std::string body;
     {
-        std::lock_guard lock(mutex_);
-        requests_.push_back(request);
-        status = status_;
-        body = body_;
+        std::unique_lock lock(mutex_);
+        if (is_bulk(request)) {
+            silence_ended_.wait(lock, [this] { return !bulk_silent_ || stopping_; });
+            if (stopping_) return MHD_NO;
+            if (!bulk_discard_) requests_.push_back(request);
+            std::tie(status, body) = answer_bulk(request);
+        } else {
+            requests_.push_back(request);
+            status = status_;
+            body = body_;
+        }
     }
     MHD_Response* response =
         MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);

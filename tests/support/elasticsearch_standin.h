@@ -2,7 +2,10 @@
 
 #include <microhttpd.h>
 
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -34,6 +37,11 @@ struct RecordedRequest {
 //     ... code under test talks to search.address() ...
 //     ASSERT_EQ(search.requests().size(), 1u);
 //     EXPECT_EQ(search.requests()[0].path, "/_cluster/health");
+//
+// POST requests whose path ends in "/_bulk" are read as bulk requests: their documents are
+// recorded by index and each is answered as Elasticsearch does (an "items" entry per document),
+// unless the test asks for a failure (bulk_status, bulk_max_documents, bulk_item_error,
+// bulk_silent) or stops the server (stop, then start again on the same port).
 class ElasticsearchStandIn {
   public:
     // Starts listening; throws std::runtime_error when the server cannot start.
@@ -51,8 +59,35 @@ class ElasticsearchStandIn {
 
     // Copies of the requests received so far, oldest first.
     std::vector<RecordedRequest> requests() const;
-    // Forgets the recorded requests.
+    // Forgets the recorded requests and bulk documents.
     void clear();
+
+    // The next `count` bulk requests are answered with `status` (413, 429, 500, 503...) and an
+    // error body; their documents are not recorded.
+    void bulk_status(int status, size_t count = std::numeric_limits<size_t>::max());
+    // Bulk requests of more than `documents` documents are answered 413 (0: no limit).
+    void bulk_max_documents(size_t documents);
+    // Documents whose text contains `needle` are refused one by one (item status 400, a
+    // mapper_parsing_exception with a reason); the others of the request are recorded. An
+    // empty needle refuses none.
+    void bulk_item_error(std::string needle);
+    // While silent, bulk requests are read but not answered (the client times out); they are
+    // answered normally when silence ends.
+    void bulk_silent(bool silent);
+    // Counts documents without keeping them or the requests (long benchmarks).
+    void bulk_discard(bool discard);
+
+    // Documents recorded by index name, each index in arrival order.
+    std::map<std::string, std::vector<std::string>> bulk_documents() const;
+    // Documents received and accepted, also those discarded.
+    size_t bulk_document_count() const;
+    // Bulk requests answered, whatever the answer.
+    size_t bulk_request_count() const;
+
+    // Stops listening: connections are refused until start(). Requests in progress end.
+    void stop();
+    // Listens again on the same port; throws std::runtime_error when it cannot.
+    void start();
 
     // A loopback port on which nothing listens (bound once, then released): an unreachable
     // server for failure tests.
@@ -67,11 +102,25 @@ class ElasticsearchStandIn {
 
     MHD_Result handle(MHD_Connection* connection, const char* url, const char* method,
                       const char* upload, size_t* upload_size, void** context);
+    // The status and body of a bulk request, recording what it accepts. Called locked.
+    std::pair<int, std::string> answer_bulk(const RecordedRequest& request);
+    void listen(uint16_t port);
 
     mutable std::mutex mutex_;
+    std::condition_variable silence_ended_;
     std::vector<RecordedRequest> requests_;
     int status_ = 200;
     std::string body_ = "{}";
+    int bulk_status_ = 200;
+    size_t bulk_status_count_ = 0;
+    size_t bulk_max_documents_ = 0;
+    std::string bulk_item_error_;
+    bool bulk_silent_ = false;
+    bool bulk_discard_ = false;
+    bool stopping_ = false;
+    std::map<std::string, std::vector<std::string>> bulk_documents_;
+    size_t bulk_document_count_ = 0;
+    size_t bulk_request_count_ = 0;
     MHD_Daemon* daemon_ = nullptr;
     uint16_t port_ = 0;
 };
