@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "capturefilewriter.h"
@@ -55,32 +54,6 @@ uint64_t now_ms() {
 }
 size_t count_lines(const std::string& text) {
     return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-// Documents received by the stand-in in _bulk requests, by index.
-std::map<std::string, size_t> bulk_documents(const ElasticsearchStandIn& search) {
-    std::map<std::string, size_t> counts;
-    for (const auto& request : search.requests()) {
-        if (!request.path.ends_with("_bulk")) continue;
-        size_t start = 0;
-        bool action = true;
-        while (start < request.body.size()) {
-            size_t end = request.body.find('\n', start);
-            if (end == std::string::npos) end = request.body.size();
-            const std::string line = request.body.substr(start, end - start);
-            start = end + 1;
-            if (line.empty()) continue;
-            if (action) {
-                auto parsed = nlohmann::json::parse(line, nullptr, false);
-                if (parsed.is_object() && !parsed.empty()) {
-                    const auto& meta = parsed.begin().value();
-                    if (meta.is_object() && meta.contains("_index")) ++counts[meta["_index"]];
-                }
-            }
-            action = !action;
-        }
-    }
-    return counts;
 }
 
 // Packets of a pcapng stream, all and those matching a display filter.
@@ -221,11 +194,11 @@ int main() {
     check(mismatches == "0", "packet counts of the rows agree with capinfos");
 
     step("Records sent to Elasticsearch");
-    const auto documents = bulk_documents(search);
     size_t total = 0;
-    for (const auto& [index, count] : documents) {
-        say(index + ": " + std::to_string(count) + " records");
-        total += count;
+    for (const auto& [index, documents] : search.bulk_documents()) {
+        say(index + ": " + std::to_string(documents.size()) + " records, the first: " +
+            documents.front().substr(0, 200));
+        total += documents.size();
     }
     say(std::to_string(total) + " records in all");
 
