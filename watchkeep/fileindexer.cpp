@@ -99,7 +99,7 @@ void FileIndexer::take(size_t source, const std::string& path) {
                     static_cast<unsigned long long>(summary->packets));
         return;
     }
-    LOG_INFO("Read %s: %llu packets", path.c_str(),
+    LOG_NORMAL("Read %s: %llu packets", path.c_str(),
              static_cast<unsigned long long>(summary->packets));
     reporter_.report(*summary, from.name);
     ++files_done_;

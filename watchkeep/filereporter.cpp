@@ -156,7 +156,7 @@ FileReporter::Outcome FileReporter::send(const std::string& request, millisecond
     long status = 0;
     curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
     if (status >= 200 && status < 300) {
-        LOG_INFO("Registered: %s", body.c_str());
+        LOG_NORMAL("Registered: %s", body.c_str());
         return Outcome::kTaken;
     }
     if (status >= 400 && status < 500) {

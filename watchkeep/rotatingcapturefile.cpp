@@ -99,7 +99,7 @@ void RotatingCaptureFile::close() {
         std::filesystem::remove(current_.path, error);
         return;
     }
-    LOG_INFO("Closed %s: %llu packets", current_.path.c_str(),
+    LOG_NORMAL("Closed %s: %llu packets", current_.path.c_str(),
              static_cast<unsigned long long>(current_.packets));
     on_closed_(current_);
 }
