@@ -147,8 +147,10 @@ void ElasticsearchStandIn::clear() {
     std::lock_guard lock(mutex_);
     requests_.clear();
     bulk_documents_.clear();
+    bulk_positions_.clear();
     bulk_document_count_ = 0;
     bulk_request_count_ = 0;
+    bulk_replaced_count_ = 0;
 }
 
 void ElasticsearchStandIn::bulk_status(int status, size_t count) {
@@ -195,6 +197,11 @@ size_t ElasticsearchStandIn::bulk_request_count() const {
     return bulk_request_count_;
 }
 
+size_t ElasticsearchStandIn::bulk_replaced_count() const {
+    std::lock_guard lock(mutex_);
+    return bulk_replaced_count_;
+}
+
 std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequest& request) {
     ++bulk_request_count_;
     if (bulk_status_count_ > 0) {
@@ -215,9 +222,11 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
         nlohmann::json action = nlohmann::json::parse(lines[i], nullptr, false);
         std::string operation = "index";
         std::string index;
-        if (action.is_object() && !action.empty()) {
+        std::string id;
+        if (action.is_object() && !action.empty() && action.begin()->is_object()) {
             operation = action.begin().key();
             index = action.begin()->value("_index", "");
+            id = action.begin()->value("_id", "");
         }
         nlohmann::json item = {{"_index", index}};
         std::string_view document = lines[i + 1];
@@ -233,10 +242,20 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
             item["error"] = {{"type", "mapper_parsing_exception"},
                              {"reason", "failed to parse field [" + bulk_item_error_ + "]"}};
         } else {
-            item["status"] = 201;
-            item["result"] = "created";
-            bulk_documents_[index].emplace_back(document);
-            ++bulk_document_count_;
+            std::vector<std::string>& stored = bulk_documents_[index];
+            auto known = id.empty() ? bulk_positions_.end() : bulk_positions_.find({index, id});
+            if (known != bulk_positions_.end()) {
+                stored[known->second] = std::string(document);
+                ++bulk_replaced_count_;
+                item["status"] = 200;
+                item["result"] = "updated";
+            } else {
+                if (!id.empty()) bulk_positions_[{index, id}] = stored.size();
+                stored.emplace_back(document);
+                ++bulk_document_count_;
+                item["status"] = 201;
+                item["result"] = "created";
+            }
         }
         items.push_back({{operation, item}});
     }

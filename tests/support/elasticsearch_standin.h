@@ -77,12 +77,15 @@ class ElasticsearchStandIn {
     // Counts documents without keeping them or the requests (long benchmarks).
     void bulk_discard(bool discard);
 
-    // Documents recorded by index name, each index in arrival order.
+    // Documents recorded by index name, each index in arrival order. A document sent again
+    // with the "_id" of one already recorded replaces it in place, as Elasticsearch does.
     std::map<std::string, std::vector<std::string>> bulk_documents() const;
     // Documents received and accepted, also those discarded.
     size_t bulk_document_count() const;
     // Bulk requests answered, whatever the answer.
     size_t bulk_request_count() const;
+    // Documents that replaced one with the same "_id".
+    size_t bulk_replaced_count() const;
 
     // Stops listening: connections are refused until start(). Requests in progress end.
     void stop();
@@ -121,6 +124,8 @@ class ElasticsearchStandIn {
     std::map<std::string, std::vector<std::string>> bulk_documents_;
     size_t bulk_document_count_ = 0;
     size_t bulk_request_count_ = 0;
+    size_t bulk_replaced_count_ = 0;
+    std::map<std::pair<std::string, std::string>, size_t> bulk_positions_;  // (index, id)
     MHD_Daemon* daemon_ = nullptr;
     uint16_t port_ = 0;
 };

@@ -20,6 +20,28 @@ struct IndexSettings {
     bool arp_records = false;        // "--arp-es"
     bool packet_statistics = false;  // "--pkt-stats-es"
     std::string spool_folder;        // "<capture path>/.watchkeep-spool"
+
+    // Tuning; the defaults suit a capture, tests shorten them.
+    uint32_t flow_idle_timeout_s = 30;     // a flow without packets this long is reported, ended
+    uint32_t flow_active_timeout_s = 120;  // a longer flow is reported every this often
+    uint32_t statistics_period_s = 10;
+    uint32_t max_flows = 1u << 20;        // per source; more evicts (reports) the oldest ones
+    size_t batch_documents = 5000;        // a bulk request holds at most this many records
+    size_t batch_bytes = 5u << 20;        // ... and at most about this many bytes
+    uint32_t request_timeout_ms = 30000;  // a bulk request not answered by then has failed
+    uint32_t retry_attempts = 5;          // tries of a 429/5xx batch before it waits on disk
+    uint32_t retry_base_ms = 250;         // first back-off, doubled at each try (at most 8 s)
+    uint32_t probe_interval_ms = 5000;    // how often an unreachable endpoint is tried again
+};
+
+// What a BulkSender did so far.
+struct BulkStatistics {
+    uint64_t documents_sent = 0;     // accepted by the endpoint
+    uint64_t documents_failed = 0;   // refused one by one (logged with their reason)
+    uint64_t documents_spooled = 0;  // written to the spool folder
+    uint64_t documents_lost = 0;     // neither sent nor spooled (spool unwritable)
+    uint64_t requests = 0;
+    uint64_t retries = 0;  // 429/5xx/413 answers and failed transfers
 };
 
 class BulkSenderImpl;
@@ -39,6 +61,8 @@ class BulkSender {
     // Sends what is queued, or spools what cannot be sent, within `budget`. True when nothing
     // queued was lost (sent or safely on disk).
     bool finish(std::chrono::milliseconds budget);
+
+    BulkStatistics statistics() const;
 
   private:
     std::unique_ptr<BulkSenderImpl> impl_;
