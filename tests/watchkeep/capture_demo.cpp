@@ -201,6 +201,7 @@ int main() {
         total += documents.size();
     }
     say(std::to_string(total) + " records in all");
+    check(total > 0, "records of the capture reached the bulk endpoint");
 
     step("GET /getCapture for the time of the capture");
     const std::string range =

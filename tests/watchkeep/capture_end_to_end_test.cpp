@@ -80,5 +80,47 @@ TEST_F(CaptureEndToEndTest, ANetworkInterfaceThatDoesNotExistIsNamedAndNothingSt
     EXPECT_EQ(server.log().find("Executing Watchkeep Command"), std::string::npos);
 }
 
+TEST_F(CaptureEndToEndTest, RecordsWaitOnDiskWhileElasticsearchIsAwayAndGoOutOnce) {
+    const std::string body = start_body(R"([{"name":"lo","id":0,"mac":""}])");
+    auto reply = client.post("/startCapture", body);
+    ASSERT_EQ(reply.status, 200) << reply.body;
+    LoopbackTraffic before;
+    before.send(50);
+    std::this_thread::sleep_for(milliseconds(1000));
+    // Gone in the middle and still gone at the stop: what is pending waits on disk.
+    search.stop();
+    LoopbackTraffic during;
+    during.send(50);
+    reply = client.get("/stopCaptureAll");
+    EXPECT_EQ(reply.status, 200) << reply.body;
+    EXPECT_NE(server.log().find("Killed watchkeep gracefully"), std::string::npos);
+    EXPECT_EQ(server.log().find("Going to try hand kill"), std::string::npos);
+    const std::string spool = server.home() + "/Documents/Vistrel/captures/.watchkeep-spool";
+    EXPECT_FALSE(std::filesystem::is_empty(spool));
+
+    // The next capture's engine sends them first.
+    search.start();
+    reply = client.post("/startCapture", body);
+    ASSERT_EQ(reply.status, 200) << reply.body;
+    reply = client.get("/stopCaptureAll");
+    EXPECT_EQ(reply.status, 200) << reply.body;
+
+    size_t of_before = 0;
+    size_t of_during = 0;
+    std::set<std::string> distinct;
+    for (const auto& record : flow_records()) {
+        of_before += has_port(record, before.port()) ? 1 : 0;
+        of_during += has_port(record, during.port()) ? 1 : 0;
+        EXPECT_EQ(record["INTERFACE"], "lo");
+        for (const char* field : {"@timestamp", "IP_SRC", "IP_DST", "L4_SRC_PORT", "IP_PROTOCOL",
+                                  "MAC_SRC", "MAC_DST", "ETH_TYPE"}) {
+            EXPECT_TRUE(record.contains(field)) << field << " missing in " << record.dump();
+        }
+        EXPECT_TRUE(distinct.insert(record.dump()).second) << "sent twice: " << record.dump();
+    }
+    EXPECT_EQ(of_before, 1u);
+    EXPECT_EQ(of_during, 1u) << "the flow seen while Elasticsearch was away";
+}
+
 }  // namespace
 }  // namespace vistrel::testing
