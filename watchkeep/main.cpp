@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,6 @@
 #include "engine.h"
 #include "environment.h"
 #include "host/paths.h"
-#include "sourceerror.h"
 #include "startup/logger.h"
 #include "stopwaiter.h"
 
@@ -22,7 +22,6 @@ using vistrel::watchkeep::ArgumentError;
 using vistrel::watchkeep::Engine;
 using vistrel::watchkeep::EngineArguments;
 using vistrel::watchkeep::EngineEnvironment;
-using vistrel::watchkeep::SourceError;
 using vistrel::watchkeep::StopWaiter;
 
 // The server kills an engine that is still there 7 s after the stop line.
@@ -71,7 +70,8 @@ int main(int argc, char** argv) {
     Engine engine(std::move(arguments), std::move(environment));
     try {
         engine.start();
-    } catch (const SourceError& error) {
+    } catch (const std::exception& error) {
+        // A source that cannot be opened, or the system refusing a descriptor or a thread.
         LOG_ERROR("Cannot start: %s", error.what());
         std::fprintf(stderr, "watchkeep: %s\n", error.what());
         return kCannotStart;
