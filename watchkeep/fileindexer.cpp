@@ -100,7 +100,7 @@ void FileIndexer::take(size_t source, const std::string& path) {
         return;
     }
     LOG_NORMAL("Read %s: %llu packets", path.c_str(),
-             static_cast<unsigned long long>(summary->packets));
+               static_cast<unsigned long long>(summary->packets));
     reporter_.report(*summary, from.name);
     ++files_done_;
 }

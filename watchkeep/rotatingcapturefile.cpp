@@ -100,7 +100,7 @@ void RotatingCaptureFile::close() {
         return;
     }
     LOG_NORMAL("Closed %s: %llu packets", current_.path.c_str(),
-             static_cast<unsigned long long>(current_.packets));
+               static_cast<unsigned long long>(current_.packets));
     on_closed_(current_);
 }
 

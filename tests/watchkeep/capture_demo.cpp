@@ -196,8 +196,8 @@ int main() {
     step("Records sent to Elasticsearch");
     size_t total = 0;
     for (const auto& [index, documents] : search.bulk_documents()) {
-        say(index + ": " + std::to_string(documents.size()) + " records, the first: " +
-            documents.front().substr(0, 200));
+        say(index + ": " + std::to_string(documents.size()) +
+            " records, the first: " + documents.front().substr(0, 200));
         total += documents.size();
     }
     say(std::to_string(total) + " records in all");
