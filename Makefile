@@ -39,6 +39,7 @@ bench:
 	cmake --build $(RELEASE_DIR) -j$(JOBS)
 	./bench/run-bench.sh $(RELEASE_DIR)
 	./bench/live-capture-bench.sh $(RELEASE_DIR)
+	./bench/run-index-bench.sh $(RELEASE_DIR)
 
 fuzz:
 	./scripts/install-deps.sh --fuzz

@@ -6,7 +6,7 @@ PACKAGES="build-essential cmake pkg-config libmicrohttpd-dev libyaml-cpp-dev lib
 libcurl4-openssl-dev nlohmann-json3-dev libpugixml-dev libgtest-dev libgmock-dev \
 libbenchmark-dev tshark wireshark-common curl libpcap-dev"
 if [ "${1:-}" = "--bench" ]; then
-    PACKAGES="$PACKAGES nginx-light tcpreplay"
+    PACKAGES="$PACKAGES nginx-light tcpreplay softflowd argus-server"
 fi
 if [ "${1:-}" = "--fuzz" ]; then
     PACKAGES="$PACKAGES clang libclang-rt-14-dev"

@@ -25,5 +25,7 @@ struct Flow {
     uint8_t mac_src[6];  // the initiator's
     uint8_t mac_dst[6];
 };
+// The documented memory bound of a source's table rests on this.
+static_assert(sizeof(Flow) <= 128);
 
 }  // namespace vistrel::watchkeep

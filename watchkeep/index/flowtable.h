@@ -28,11 +28,17 @@ class FlowTable {
 
   private:
     uint32_t slot_of(uint32_t position) const;
+    static uint64_t entry(uint32_t position, uint64_t hash) {
+        return (hash & 0xffffffff00000000ULL) | (position + 1u);
+    }
+    static uint32_t position_of(uint64_t entry) { return static_cast<uint32_t>(entry) - 1; }
     void grow();
 
     uint32_t capacity_;
     std::vector<Flow> flows_;
-    std::vector<uint32_t> slots_;  // position + 1, 0 for an empty slot
+    // Low half: position + 1 (0 for an empty slot); high half: the hash's high half, so that
+    // probing past other flows does not touch their memory.
+    std::vector<uint64_t> slots_;
     uint64_t mask_ = 0;
 };
 

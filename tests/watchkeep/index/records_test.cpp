@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -359,6 +360,11 @@ TEST_F(IndexingTest, EveryRecordFieldIsADashboardFilterThatFindsItsPackets) {
         }
     }
     EXPECT_GE(fields.size(), 40u);
+
+    // The shipped index template maps every field.
+    std::ifstream file(std::string(VISTREL_SOURCE_DIR) + "/config/elasticsearch-template.json");
+    const json mappings = json::parse(file)["template"]["mappings"]["properties"];
+    for (const auto& field : fields) EXPECT_TRUE(mappings.contains(field)) << field;
 }
 
 }  // namespace
