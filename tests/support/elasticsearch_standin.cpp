@@ -197,6 +197,11 @@ size_t ElasticsearchStandIn::bulk_request_count() const {
     return bulk_request_count_;
 }
 
+size_t ElasticsearchStandIn::bulk_held_count() const {
+    std::lock_guard lock(mutex_);
+    return bulk_held_count_;
+}
+
 size_t ElasticsearchStandIn::bulk_replaced_count() const {
     std::lock_guard lock(mutex_);
     return bulk_replaced_count_;
@@ -322,7 +327,9 @@ MHD_Result ElasticsearchStandIn::handle(MHD_Connection* connection, const char* 
     {
         std::unique_lock lock(mutex_);
         if (is_bulk(request)) {
+            ++bulk_held_count_;
             silence_ended_.wait(lock, [this] { return !bulk_silent_ || stopping_; });
+            --bulk_held_count_;
             if (stopping_) return MHD_NO;
             if (!bulk_discard_) requests_.push_back(request);
             std::tie(status, body) = answer_bulk(request);

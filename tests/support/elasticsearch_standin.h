@@ -84,6 +84,8 @@ class ElasticsearchStandIn {
     size_t bulk_document_count() const;
     // Bulk requests answered, whatever the answer.
     size_t bulk_request_count() const;
+    // Bulk requests held unanswered by silence right now.
+    size_t bulk_held_count() const;
     // Documents that replaced one with the same "_id".
     size_t bulk_replaced_count() const;
 
@@ -125,6 +127,7 @@ class ElasticsearchStandIn {
     size_t bulk_document_count_ = 0;
     size_t bulk_request_count_ = 0;
     size_t bulk_replaced_count_ = 0;
+    size_t bulk_held_count_ = 0;
     std::map<std::pair<std::string, std::string>, size_t> bulk_positions_;  // (index, id)
     MHD_Daemon* daemon_ = nullptr;
     uint16_t port_ = 0;

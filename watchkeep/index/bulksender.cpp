@@ -88,8 +88,16 @@ class BulkSenderImpl {
         wake_.notify_all();
         // A second finish has no sender thread left: what came since goes to disk.
         if (finished_) budget = std::chrono::milliseconds(0);
-        idle_.wait_until(lock, Clock::now() + budget,
-                         [this] { return ready_.empty() && !busy_ && (spool_.empty() || down_); });
+        // An endpoint that was down gets one more try at once; if it still fails, what waits
+        // stays on disk and the finish does not spend its whole budget.
+        finishing_ = true;
+        failed_while_finishing_ = false;
+        next_probe_ = Clock::now();
+        wake_.notify_all();
+        idle_.wait_until(lock, Clock::now() + budget, [this] {
+            return ready_.empty() && !busy_ &&
+                   (spool_.empty() || (down_ && failed_while_finishing_));
+        });
         stop_ = true;
         abort_ = true;
         wake_.notify_all();
@@ -174,6 +182,7 @@ class BulkSenderImpl {
                         settings_.bulk_url.c_str(), spool_.folder().c_str());
                 }
                 down_ = true;
+                failed_while_finishing_ = finishing_;
                 next_probe_ = Clock::now() + std::chrono::milliseconds(settings_.probe_interval_ms);
             } else if (down_) {
                 down_ = false;
@@ -329,6 +338,8 @@ class BulkSenderImpl {
     bool busy_ = false;
     bool down_ = false;
     bool finished_ = false;
+    bool finishing_ = false;
+    bool failed_while_finishing_ = false;
     Clock::time_point next_probe_;
     BulkStatistics statistics_;
     std::thread thread_;  // last: starts once everything above exists

@@ -165,7 +165,10 @@ TEST_F(BulkTest, AStopDuringAnUnansweredRequestKeepsItForLater) {
     {
         BulkSender sender(settings_);
         send(sender, 0, 6);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (int wait = 0; wait < 500 && search_.bulk_held_count() == 0; ++wait) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_EQ(search_.bulk_held_count(), 1u);
         // The budget ends while the request hangs: it is aborted and spooled, not lost.
         ASSERT_TRUE(sender.finish(std::chrono::milliseconds(300)));
     }
