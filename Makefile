@@ -30,8 +30,8 @@ test: deps
 # One capture from start to finish (server, engine, a simulated device, lo), step by step.
 # Live capture needs root; a private PID namespace keeps other engines of the machine out of it.
 demo: build
-	cmake --build $(RELEASE_DIR) -j$(JOBS) --target watchkeep_demo
-	unshare --pid --fork --mount-proc $(RELEASE_DIR)/tests/watchkeep/watchkeep_demo
+	cmake --build $(RELEASE_DIR) -j$(JOBS) --target capture_engine_demo
+	unshare --pid --fork --mount-proc $(RELEASE_DIR)/tests/watchkeep/capture_engine_demo
 
 bench:
 	./scripts/install-deps.sh --bench

@@ -28,9 +28,13 @@ using std::chrono::milliseconds;
 constexpr int kDatagrams = 500;
 int failures = 0;
 int step_number = 0;
+const auto demo_start = std::chrono::steady_clock::now();
 
+double elapsed_seconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - demo_start).count();
+}
 void step(const std::string& title) {
-    std::printf("\n[%d] %s\n", ++step_number, title.c_str());
+    std::printf("\n[%d] %s (at %.1f s)\n", ++step_number, title.c_str(), elapsed_seconds());
 }
 void say(const std::string& text) {
     std::printf("    %s\n", text.c_str());
@@ -242,7 +246,8 @@ int main() {
     check(uploads.starts_with("20 "),
           "the uploaded file is in the capture index once, as \"upload\"");
 
-    std::printf("\n%s\n", failures == 0 ? "Every step worked." : "Some steps FAILED.");
+    std::printf("\n%s (%.1f s)\n", failures == 0 ? "Every step worked." : "Some steps FAILED.",
+                elapsed_seconds());
     if (failures != 0) std::printf("Server log: %s\n", server.log_path().c_str());
     return failures == 0 ? 0 : 1;
 }
