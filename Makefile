@@ -6,7 +6,7 @@ FUZZ_DIR := build/fuzz
 STAGE_ROOT := $(abspath $(RELEASE_DIR))/quellwick
 PORT ?= 8081
 
-.PHONY: all deps build run test demo bench fuzz format clean
+.PHONY: all deps build run test demo bench stress fuzz format clean
 
 all: build
 
@@ -40,6 +40,11 @@ bench:
 	./bench/run-bench.sh $(RELEASE_DIR)
 	./bench/live-capture-bench.sh $(RELEASE_DIR)
 	./bench/run-index-bench.sh $(RELEASE_DIR)
+
+# Reliability probes against a real server on loopback; prints a table of probe, figure, verdict.
+stress: build
+	./scripts/install-deps.sh --stress
+	python3 ./scripts/stress.py $(RELEASE_DIR)
 
 fuzz:
 	./scripts/install-deps.sh --fuzz

@@ -5,6 +5,7 @@
 #   direct /getCapture download (curl -> /dev/null)   nginx sendfile of the same files
 #   editcap -A -B slicing the same range into a pipe   cat of the files (the reading limit)
 #   filtered /getCapture download                      tshark -r FILE -Y FILTER -w /dev/null
+#   filtered downloads through libpcap                 the same through tshark alone, direct
 # and the server's peak resident memory, with the ratios and their targets. Each figure is the
 # best of BENCH_RUNS runs (default 3).
 set -eu
@@ -42,7 +43,7 @@ best() {
 rate() { awk -v b="$1" -v t="$2" 'BEGIN { printf "%.0f", (t > 0) ? b / (t / 1e9) / 1e6 : 0 }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
 
-for tool in curl nginx editcap tshark; do
+for tool in curl nginx editcap tshark capinfos; do
     command -v "$tool" >/dev/null || { echo "bench: $tool is missing (scripts/install-deps.sh --bench)"; exit 1; }
 done
 [ -x "$BUILD/centralizedserver" ] && [ -x "$BUILD/bench/bench_makecaptures" ] ||
@@ -145,7 +146,8 @@ slice_with_editcap() {
 EDITCAP_RATE=$(rate "$TOTAL" "$(best slice_with_editcap)")
 
 # Filtered: the server through tshark against tshark alone on the same two files.
-FILTER="L4_DST_PORT%7C%3D%7C53"
+# A raw display filter of the user's (apply_value): the tshark path whatever libpcap could do.
+FILTER="protocol%7C%3D%7Ctcp.dstport%3D%3D53%20or%20udp.dstport%3D%3D53"
 FILTERED_URL="$BASE/getCapture?from=$FROM_MS&to=$TO_MS&var-esinterface=filtered&var-Filters=$FILTER"
 FILTERED_OUT=$(curl -fs -o /dev/null -w '%{size_download}' "$FILTERED_URL")
 FILTERED_NS=$(best 'curl -fs -o /dev/null "$FILTERED_URL"')
@@ -174,6 +176,41 @@ printf '  direct / nginx       %s  (>= 0.50)\n' "$(ratio "$DIRECT_RATE" "$NGINX_
 printf '  direct / editcap     %s  (>= 1.00)\n' "$(ratio "$DIRECT_RATE" "$EDITCAP_RATE")"
 printf '  filtered / tshark    %s  (time, <= 1.15)\n' "$(ratio "$FILTERED_NS" "$TSHARK_NS")"
 printf '  peak memory          %s MiB  (< 64)\n' "$(awk -v k="$PEAK_KB" 'BEGIN { printf "%.1f", k / 1024 }')"
+
+# ---- Filtered downloads through libpcap (BPF) against tshark and the direct download ----
+# Same two files as above; each filter is one libpcap can take exactly. Times are best of RUNS.
+count_packets() { capinfos -c -M "$1" 2>/dev/null | awk '/Number of packets/ { print $NF }'; }
+FILTERED_DIRECT_URL="$BASE/getCapture?from=$FROM_MS&to=$TO_MS&var-esinterface=filtered"
+FILTERED_DIRECT_NS=$(best 'curl -fs -o /dev/null "$FILTERED_DIRECT_URL"')
+echo
+echo "Filtered downloads through libpcap ($(awk -v b="$FILTERED_BYTES" 'BEGIN { printf "%.0f", b / 1e6 }') MB in 2 files; direct download of the same files: $(awk -v t="$FILTERED_DIRECT_NS" 'BEGIN { printf "%.3f", t / 1e9 }') s)"
+for case in "L4_DST_PORT%7C%3D%7C53|tcp.dstport==53||udp.dstport==53|port 53" \
+            "IP_SRC%7C%3D%7C10.0.0.1|ip.src==10.0.0.1|address 10.0.0.1"; do
+    BPF_ARG=${case%%|*}; rest=${case#*|}; BPF_LABEL=${rest##*|}; BPF_DISPLAY=${rest%|*}
+    BPF_URL="$BASE/getCapture?from=$FROM_MS&to=$TO_MS&var-esinterface=filtered&var-Filters=$BPF_ARG"
+    curl -fs -o "$WORK/bpf.pcapng" "$BPF_URL"
+    BPF_NS=$(best 'curl -fs -o /dev/null "$BPF_URL"')
+    bpf_with_tshark() {
+        for path in $FILTERED_FILES; do
+            tshark -r "$path" -Y "$BPF_DISPLAY" -w /dev/null 2>/dev/null
+        done
+    }
+    BPF_TSHARK_NS=$(best bpf_with_tshark)
+    TSHARK_PACKETS=0
+    for path in $FILTERED_FILES; do
+        tshark -r "$path" -Y "$BPF_DISPLAY" -w "$WORK/tshark.pcapng" 2>/dev/null
+        TSHARK_PACKETS=$((TSHARK_PACKETS + $(count_packets "$WORK/tshark.pcapng")))
+    done
+    grep -q "Filtering with BPF" "$WORK/tmp/vistrelserveres.log" || echo "  (the server did not take the BPF path)"
+    printf '  %-16s server %7.3f s (%s packets)  tshark alone %7.3f s (%s packets)\n' "$BPF_LABEL" \
+        "$(awk -v t="$BPF_NS" 'BEGIN { print t / 1e9 }')" "$(count_packets "$WORK/bpf.pcapng")" \
+        "$(awk -v t="$BPF_TSHARK_NS" 'BEGIN { print t / 1e9 }')" "$TSHARK_PACKETS"
+    printf '  %-16s tshark / BPF download %s  (>= 5)   BPF / direct download %s  (time, goal <= 1.5)\n' "" \
+        "$(ratio "$BPF_TSHARK_NS" "$BPF_NS")" "$(ratio "$BPF_NS" "$FILTERED_DIRECT_NS")"
+done
+printf '  %-44s %8s MiB  (< 64)\n' "server peak resident memory (VmHWM)" \
+    "$(awk '/VmHWM/ { printf "%.1f", $2 / 1024 }' "/proc/$SERVER_PID/status")"
+# ---- end of the libpcap block ----
 
 if [ -x "$BUILD/bench/bench_readers" ]; then
     echo

@@ -4,9 +4,12 @@
 set -e
 PACKAGES="build-essential cmake pkg-config libmicrohttpd-dev libyaml-cpp-dev libsqlite3-dev \
 libcurl4-openssl-dev nlohmann-json3-dev libpugixml-dev libgtest-dev libgmock-dev \
-libbenchmark-dev tshark wireshark-common curl libpcap-dev"
+libbenchmark-dev libpcap-dev tshark wireshark-common curl openssl"
 if [ "${1:-}" = "--bench" ]; then
     PACKAGES="$PACKAGES nginx-light tcpreplay softflowd argus-server"
+fi
+if [ "${1:-}" = "--stress" ]; then
+    PACKAGES="$PACKAGES python3"
 fi
 if [ "${1:-}" = "--fuzz" ]; then
     PACKAGES="$PACKAGES clang libclang-rt-14-dev"

@@ -45,6 +45,10 @@ std::string narrow(const TidewellAPIWChar* wide) {
     return text;
 }
 
+// The capability query names only a model; it answers for the device whose type this thread
+// asked last, as callers ask the type of a handle right before its capabilities.
+thread_local TidewellAPIHandle t_typed_handle = 0;
+
 #define REQUIRE(pointer) \
     if ((pointer) == nullptr) return TIDEWELLAPI_ERROR_INVALID_ARGUMENT
 
@@ -84,12 +88,13 @@ TidewellAPIRet TidewellAPIUninitialize(void) {
 
 TidewellAPIRet TidewellAPIGetDeviceType(TidewellAPIHandle handle, TidewellAPIDeviceType* type) {
     REQUIRE(type);
+    t_typed_handle = handle;
     return on_device(handle, "TidewellAPIGetDeviceType",
                      [&](SimDevice& device) { return device.get_type(type); });
 }
 
 uint32_t TidewellAPIGetDeviceCapabilities(TidewellAPIDeviceType type) {
-    return Simulator::instance().capabilities(type);
+    return Simulator::instance().capabilities(type, t_typed_handle);
 }
 
 TidewellAPIRet TidewellAPIGetDeviceMAC(TidewellAPIHandle handle,

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "TidewellDefaults.h"
+
 namespace vistrel::sim {
 
 namespace {
@@ -16,27 +18,11 @@ int64_t wall_clock_ns() {
         .count();
 }
 
+// A simulated device starts synchronised, with a slicing length ready to use.
 TidewellAPIFeatures default_features(const SimDeviceConfig& config) {
-    TidewellAPIFeatures features{};
-    features.DisablePortA = TidewellAPIState_Off;
-    features.DisablePortB = TidewellAPIState_Off;
-    features.EnableTimestamps = TidewellAPIState_On;
-    features.ForcePPSGeneration = TidewellAPIState_Off;
-    features.InlineMode = TidewellAPIState_Off;
-    features.KeepCRC32Field = TidewellAPIState_Off;
-    features.Loopback = TidewellAPIState_Off;
-    features.PPSOutput = TidewellAPIState_Off;
-    features.PortATimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.PortBTimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.Slicing = TidewellAPIState_Off;
-    features.StatisticsOnly = TidewellAPIState_Off;
+    TidewellAPIFeatures features = tidewell_factory_features(config.hw_firmware_id);
     features.SyncTimestamps = TidewellAPIState_On;
-    features.TimeInitSource = TidewellAPITimeSource_Internal;
-    features.TransmitCrcErrors = TidewellAPIState_Off;
-    features.WaitForSync = TidewellAPIState_Off;
-    features.HWFirmwareId = config.hw_firmware_id;
     features.SlicingLength = 128;
-    features.PPSCompensation = 0;
     return features;
 }
 

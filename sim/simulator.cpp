@@ -57,6 +57,9 @@ TidewellAPIRet Simulator::remove_callback(CallbackKind kind, TidewellAPIDeviceCa
 }
 
 TidewellAPIRet Simulator::initialize() {
+    // Lets tests see how the server copes with a library that does not start.
+    if (const char* fail = std::getenv("TIDEWELL_SIM_FAIL_INITIALIZE"); fail && *fail)
+        return TIDEWELLAPI_ERROR;
     std::vector<std::shared_ptr<SimDevice>> powered_off;
     {
         std::lock_guard lock(mutex_);
@@ -102,9 +105,17 @@ std::shared_ptr<SimDevice> Simulator::device(TidewellAPIHandle handle) const {
     return entry->second.device;
 }
 
-uint32_t Simulator::capabilities(TidewellAPIDeviceType type) const {
+uint32_t Simulator::capabilities(TidewellAPIDeviceType type, TidewellAPIHandle handle) const {
     std::lock_guard lock(mutex_);
+    if (const auto mac = macs_.find(handle); mac != macs_.end()) {
+        const auto entry = devices_.find(mac->second);
+        if (entry != devices_.end() && entry->second.present) {
+            const SimDeviceConfig config = entry->second.device->config();
+            if (config.type == type) return config.capabilities;
+        }
+    }
     for (const auto& [mac, entry] : devices_) {
+        if (!entry.present) continue;
         const SimDeviceConfig config = entry.device->config();
         if (config.type == type) return config.capabilities;
     }

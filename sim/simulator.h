@@ -36,8 +36,9 @@ class Simulator {
 
     // The present device of `handle`, or null.
     std::shared_ptr<SimDevice> device(TidewellAPIHandle handle) const;
-    // The capabilities of a model, or the override of a present device of that model.
-    uint32_t capabilities(TidewellAPIDeviceType type) const;
+    // The capabilities of the device of `handle` when it is present and of that model; else of
+    // the first present device of the model; else the model's own.
+    uint32_t capabilities(TidewellAPIDeviceType type, TidewellAPIHandle handle) const;
     // The device goes now and comes back about a second later.
     TidewellAPIRet restart(TidewellAPIHandle handle);
 

@@ -5,7 +5,7 @@
 
 namespace vistrel::capture {
 
-std::unique_ptr<FileFormatParser> open_capture_file(const database::CaptureFileRecord& record) {
+std::unique_ptr<FileFormatParser> open_capture_file(const CaptureFileRecord& record) {
     return open_capture_file(record.file_path);
 }
 

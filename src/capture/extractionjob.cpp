@@ -2,12 +2,17 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 
+#include "capture/bytes.h"
 #include "capture/capturefile.h"
+#include "capture/filterchoice.h"
+#include "capture/packet.h"
 #include "host/paths.h"
 #include "startup/logger.h"
 
@@ -21,7 +26,7 @@ void pause_a_moment() {
 
 }  // namespace
 
-ExtractionJob::ExtractionJob(database::CaptureQuery query, Readers readers)
+ExtractionJob::ExtractionJob(CaptureQuery query, Readers readers)
     : query_(std::move(query)), readers_(std::move(readers)) {
     filtered_mode_ = !query_.display_filter.empty();
     // An end of 0 is an open bound, as it is for the selection and the display filter.
@@ -68,6 +73,8 @@ int64_t ExtractionJob::read_direct(uint8_t* buffer, size_t maximum) {
         }
         header_sent_ = true;
         pending_ = readers_.front()->output_file_header();
+        streamed_.bytes += pending_.size();
+        first_chunk_.resize(keep_selected(first_chunk_.data(), first_chunk_.size()));
         pending_.insert(pending_.end(), first_chunk_.begin(), first_chunk_.end());
         first_chunk_ = std::vector<uint8_t>();
         pending_offset_ = 0;
@@ -75,21 +82,59 @@ int64_t ExtractionJob::read_direct(uint8_t* buffer, size_t maximum) {
     }
     while (!readers_.empty()) {
         FileFormatParser& reader = *readers_.front();
-        if (maximum >= kHttpBlockSize) {
-            const size_t used =
-                reader.read_range_into(query_.start, range_end_, buffer, kHttpBlockSize);
-            if (used > 0) return static_cast<int64_t>(used);
-        } else {
-            pending_.resize(kHttpBlockSize);
-            const size_t used =
-                reader.read_range_into(query_.start, range_end_, pending_.data(), kHttpBlockSize);
-            pending_.resize(used);
-            pending_offset_ = 0;
-            if (used > 0) return hand_out(buffer, maximum);
+        const bool in_place = maximum >= kDirectChunkSize;
+        if (!in_place) pending_.resize(kDirectChunkSize);
+        uint8_t* chunk = in_place ? buffer : pending_.data();
+        const size_t used = reader.read_range_into(query_.start, range_end_, chunk, kDirectChunkSize);
+        if (used == 0) {
+            readers_.pop_front();
+            continue;
         }
-        readers_.pop_front();
+        const size_t kept = keep_selected(chunk, used);
+        if (kept == 0) continue;  // nothing selected in this chunk: the file goes on
+        if (in_place) return static_cast<int64_t>(kept);
+        pending_.resize(kept);
+        pending_offset_ = 0;
+        return hand_out(buffer, maximum);
     }
     return kEndOfStream;
+}
+
+void ExtractionJob::use_selector(std::unique_ptr<PacketSelector> selector) {
+    selector_ = std::move(selector);
+}
+
+ExtractionJob::Path ExtractionJob::path() const {
+    if (pipe_) return Path::kTshark;
+    return selector_ ? Path::kSelected : Path::kDirect;
+}
+
+size_t ExtractionJob::keep_selected(uint8_t* chunk, size_t used) {
+    size_t kept = used;
+    uint64_t packets = 0;
+    if (!selector_) {
+        for (size_t at = 0; at < used; at += load_u32(chunk + at + kEpbTotalLength)) ++packets;
+    } else {
+        // The end is exclusive here, as it is in tshark's time filter.
+        const uint64_t end = query_.end == 0 ? ~uint64_t{0} : query_.end;
+        kept = 0;
+        for (size_t at = 0; at < used;) {
+            const uint8_t* epb = chunk + at;
+            const uint32_t length = load_u32(epb + kEpbTotalLength);
+            const uint64_t stamp = uint64_t{load_u32(epb + kEpbTimestampHigh)} << 32 |
+                                   load_u32(epb + kEpbTimestampLow);
+            if (stamp < end && selector_->selects(epb)) {
+                if (kept != at) std::memmove(chunk + kept, epb, length);
+                kept += length;
+                ++packets;
+            }
+            at += length;
+        }
+    }
+    // Download metrics: packets and bytes of the direct and selected paths are counted here.
+    streamed_.packets += packets;
+    streamed_.bytes += kept;
+    return kept;
 }
 
 bool ExtractionJob::start_filter(std::unique_ptr<TsharkPipe> pipe) {
@@ -156,15 +201,39 @@ void ExtractionJob::feed() {
 }
 
 int64_t ExtractionJob::read_filtered(uint8_t* buffer, size_t maximum) {
-    // The finished flag is looked at before the pipe, as the stream's end is decided by
-    // tshark's exit alone.
+    // tshark's output is read to its end before its exit status is looked at: having exited
+    // says nothing about what it wrote and nobody has read yet.
     for (;;) {
-        if (pipe_->finished()) return status_.load() == 200 ? kEndOfStream : kEndWithError;
         const int64_t got = pipe_->receive(buffer, maximum);
-        if (got < 0) return kEndOfStream;
-        if (got > 0) return got;
-        pause_a_moment();
+        if (got > 0) {
+            // Download metrics: bytes of the tshark path are counted here.
+            streamed_.bytes += static_cast<uint64_t>(got);
+            return got;
+        }
+        if (got < 0) {
+            LOG_ERROR("Filtered download cut short: tshark's output could not be read");
+            status_.store(500);
+            return kEndWithError;
+        }
+        if (pipe_->output_ended()) return end_of_tshark_output();
     }
+}
+
+int64_t ExtractionJob::end_of_tshark_output() {
+    // The feeder stops the pipe when everything is sent or a send failed; tshark has closed
+    // its output, so that is soon.
+    while (!pipe_->finished()) pause_a_moment();
+    if (status_.load() != 200) {
+        LOG_ERROR("Filtered download cut short: the extract could not all be handed to tshark");
+        return kEndWithError;
+    }
+    if (pipe_->exit_status() != 0) {
+        LOG_ERROR("Filtered download cut short: tshark ended with status %d after %llu bytes",
+                  pipe_->exit_status(), static_cast<unsigned long long>(streamed_.bytes));
+        status_.store(500);
+        return kEndWithError;
+    }
+    return kEndOfStream;
 }
 
 int64_t counted_file_size(const std::string& path) {
@@ -174,9 +243,9 @@ int64_t counted_file_size(const std::string& path) {
     return size < 0 ? 0 : size;
 }
 
-Extraction prepare_extraction(const database::CaptureQuery& query,
-                              const std::list<database::CaptureFileRecord>& files,
-                              std::unique_ptr<TsharkPipe> pipe) {
+Extraction prepare_extraction(const CaptureQuery& query,
+                              const std::list<CaptureFileRecord>& files,
+                              ExtractionOptions options) {
     Extraction extraction;
     LOG_NORMAL("Requesting pcap between: %lld and %lld", static_cast<long long>(query.start),
                static_cast<long long>(query.end));
@@ -207,7 +276,17 @@ Extraction prepare_extraction(const database::CaptureQuery& query,
     }
 
     ExtractionJob::Readers readers;
+    // Files the index names but that cannot be read: the first is explained, the rest counted,
+    // so that an index full of stale rows cannot flood the log.
+    size_t unreadable = 0;
     for (const auto& file : files) {
+        if (::access(file.file_path.c_str(), R_OK) != 0) {
+            if (unreadable++ == 0) {
+                LOG_ERROR("Unable to open file [%s] with erc: %s", file.file_path.c_str(),
+                          std::strerror(errno));
+            }
+            continue;
+        }
         LOG_DEBUG("Detecting format for file: [%s]", file.file_path.c_str());
         if (auto reader = open_capture_file(file)) {
             LOG_DEBUG("Successfully deceted format for file: [%s]", file.file_path.c_str());
@@ -215,23 +294,41 @@ Extraction prepare_extraction(const database::CaptureQuery& query,
         }
         LOG_DEBUG("Cleaning up resources for file: [%s]", file.file_path.c_str());
     }
+    if (unreadable > 1) LOG_WARNING("%zu more files could not be read", unreadable - 1);
     LOG_DEBUG("Cleaning up resources for file list");
 
     auto job = std::make_unique<ExtractionJob>(query, std::move(readers));
     job->prime();
     LOG_DEBUG("Getting tshark filter");
-    if (!query.display_filter.empty()) {
-        LOG_DEBUG("Tshark filter found, starting threaded tshark instance...");
-        // Nothing to filter when no packet is in range or no file could be read.
-        if (!job->no_data() && !job->nothing_readable() && !job->start_filter(std::move(pipe))) {
-            LOG_ERROR("Unable to start %s for the display filter", host::tshark_program().c_str());
-            extraction.error_title = "Error Extracting Capture File";
-            extraction.error_message =
-                "Unable to filter the requested traffic: the packet analyser could not be "
-                "started in your capture machine";
-            return extraction;
+    // Nothing to filter when no packet is in range or no file could be read.
+    const bool streams = !job->no_data() && !job->nothing_readable();
+    if (!query.display_filter.empty() && streams) {
+        FilterChoice choice = choose_filter(query.display_filter, options.tshark_reason);
+        const uint64_t end = query.end == 0 ? ~uint64_t{0} : query.end;
+        if (choice.selector && !range_is_plain(*choice.selector, files, query.start, end)) {
+            choice.selector.reset();
+            choice.reason =
+                "the range holds packets that only tshark reads exactly (VLAN tags, tunnels, "
+                "ICMP errors, fragments, cut or inconsistent headers)";
         }
-    } else {
+        if (choice.selector) {
+            LOG_NORMAL("Filtering with BPF, without tshark: '%s'",
+                       choice.selector->expression().c_str());
+            job->use_selector(std::move(choice.selector));
+        } else {
+            LOG_NORMAL("Filtering with tshark: %s", choice.reason.c_str());
+            LOG_DEBUG("Tshark filter found, starting threaded tshark instance...");
+            if (!job->start_filter(std::move(options.pipe))) {
+                LOG_ERROR("Unable to start %s for the display filter",
+                          host::tshark_program().c_str());
+                extraction.error_title = "Error Extracting Capture File";
+                extraction.error_message =
+                    "Unable to filter the requested traffic: the packet analyser could not be "
+                    "started in your capture machine";
+                return extraction;
+            }
+        }
+    } else if (query.display_filter.empty()) {
         LOG_NORMAL("Bypassing tshark, no user filter found");
     }
     if (job->no_data()) {

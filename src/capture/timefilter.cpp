@@ -12,7 +12,7 @@ std::string epoch_text(uint64_t nanoseconds) {
     return text;
 }
 
-std::string time_filter_text(const database::CaptureQuery& query) {
+std::string time_filter_text(const CaptureQuery& query) {
     std::string text;
     if (query.start != 0) text += "( frame.time_epoch >= " + epoch_text(query.start) + " )";
     if (query.end != 0) {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "database/captureindex.h"
+#include "capture/capturequery.h"
 
 namespace vistrel::capture {
 
@@ -12,6 +12,6 @@ std::string epoch_text(uint64_t nanoseconds);
 
 // The display filter of a query: its time bounds (start inclusive, end exclusive) and its
 // user filter, joined with "&&".
-std::string time_filter_text(const database::CaptureQuery& query);
+std::string time_filter_text(const CaptureQuery& query);
 
 }  // namespace vistrel::capture

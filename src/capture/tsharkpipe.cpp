@@ -1,11 +1,10 @@
 #include "capture/tsharkpipe.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -33,7 +32,7 @@ TsharkPipe::~TsharkPipe() {
     close_handles();
 }
 
-int TsharkPipe::start(const database::CaptureQuery& query) {
+int TsharkPipe::start(const CaptureQuery& query) {
     say("Starting TShark\n");
     const std::string filter = time_filter_text(query);
     host::ChildProcess::Options options;
@@ -78,24 +77,27 @@ int64_t TsharkPipe::send(const uint8_t* bytes, size_t count) {
 }
 
 int64_t TsharkPipe::receive(uint8_t* buffer, size_t capacity) {
-    if (finished()) return -1;
-    int waiting = 0;
-    if (::ioctl(child_.output().get(), FIONREAD, &waiting) != 0) {
+    if (output_ended()) return 0;
+    pollfd waiting{child_.output().get(), POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, kReceiveWaitMs);
+    if (ready < 0 && errno != EINTR) {
         say("Failed to peek at data from TShark\n");
         return -1;
     }
-    if (waiting <= 0) return 0;
-    const ssize_t got = ::read(child_.output().get(), buffer, std::min(capacity, size_t(waiting)));
+    if (ready <= 0) return 0;
+    const ssize_t got = ::read(child_.output().get(), buffer, capacity);
     if (got < 0) {
+        if (errno == EINTR) return 0;
         say("Failed to get data from TShark\n");
         return -1;
     }
+    if (got == 0) output_ended_.store(true);
     return got;
 }
 
 int TsharkPipe::stop() {
     child_.input().reset();
-    child_.wait();
+    if (const auto status = child_.wait()) exit_status_.store(*status);
     finished_.store(1);
     return 0;
 }

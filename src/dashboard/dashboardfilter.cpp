@@ -106,8 +106,14 @@ std::string translate_filters(const std::vector<DashboardFilter>& filters, bool 
 
 std::string translate_filters(const std::vector<DashboardFilter>& filters, bool bidirectional,
                               const std::string& rules_path) {
-    if (filters.empty()) return "";
-    std::string result;
+    return translate_dashboard_filters(filters, bidirectional, rules_path).text;
+}
+
+TranslatedFilter translate_dashboard_filters(const std::vector<DashboardFilter>& filters,
+                                             bool bidirectional, const std::string& rules_path) {
+    TranslatedFilter translated;
+    if (filters.empty()) return translated;
+    std::string& result = translated.text;
     try {
         const YAML::Node rules = YAML::LoadFile(rules_path);
         bool complete = rules.IsMap();
@@ -133,6 +139,7 @@ std::string translate_filters(const std::vector<DashboardFilter>& filters, bool 
                         break;
                     case RuleKind::kValue:
                         term = filter.value;
+                        translated.has_raw_terms = true;
                         break;
                     case RuleKind::kPort:
                         term = port_term(filter, op, bidirectional);
@@ -148,10 +155,10 @@ std::string translate_filters(const std::vector<DashboardFilter>& filters, bool 
         }
     } catch (const YAML::Exception&) {
         LOG_ERROR("Unable to load filters file at: %s. The file is corrupted", rules_path.c_str());
-        return "";
+        return {};
     }
     if (!result.empty()) result += ")";
-    return result;
+    return translated;
 }
 
 }  // namespace vistrel::dashboard

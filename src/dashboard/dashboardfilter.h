@@ -36,4 +36,13 @@ std::string translate_filters(const std::vector<DashboardFilter>& filters, bool 
 std::string translate_filters(const std::vector<DashboardFilter>& filters, bool bidirectional,
                               const std::string& rules_path);
 
+// The same, and whether a term is the user's own display-filter text (an `apply_value` rule),
+// which only tshark reads as the user meant it.
+struct TranslatedFilter {
+    std::string text;
+    bool has_raw_terms = false;
+};
+TranslatedFilter translate_dashboard_filters(const std::vector<DashboardFilter>& filters,
+                                             bool bidirectional, const std::string& rules_path);
+
 }  // namespace vistrel::dashboard

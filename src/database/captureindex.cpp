@@ -40,29 +40,36 @@ int collect_capture_row(void* context, int columns, char** values, char** names)
 
 }  // namespace
 
-std::string source_list(const std::vector<std::string>& sources) {
-    std::string list = "(";
-    for (size_t i = 0; i < sources.size(); ++i) {
-        if (i > 0) list += ",";
-        if (!sources[i].empty()) list += "'" + sources[i] + "'";
-    }
-    return list + ")";
-}
-
-std::string capture_where_text(const CaptureQuery& query) {
+BoundStatement capture_where(const CaptureQuery& query) {
     std::vector<std::string> conditions;
-    const std::string start = std::to_string(query.start);
-    const std::string end = std::to_string(query.end);
+    std::vector<SqlValue> values;
+    const SqlValue start = sql_integer(query.start);
+    const SqlValue end = sql_integer(query.end);
     if (query.start != 0 && query.end != 0) {
-        conditions.push_back("( start_ts BETWEEN " + start + " AND " + end + " OR end_ts BETWEEN " +
-                             start + " AND " + end + " )");
+        conditions.emplace_back("( start_ts BETWEEN ? AND ? OR end_ts BETWEEN ? AND ? )");
+        values.insert(values.end(), {start, end, start, end});
     } else if (query.start != 0) {
-        conditions.push_back("end_ts >= " + start);
+        conditions.emplace_back("end_ts >= ?");
+        values.push_back(start);
     } else if (query.end != 0) {
-        conditions.push_back("start_ts < " + end);
+        conditions.emplace_back("start_ts < ?");
+        values.push_back(end);
     }
-    if (!query.es_index.empty()) conditions.push_back("es_index = '" + query.es_index + "'");
-    if (!query.sources.empty()) conditions.push_back("source IN " + source_list(query.sources));
+    if (!query.es_index.empty()) {
+        conditions.emplace_back("es_index = ?");
+        values.emplace_back(query.es_index);
+    }
+    if (!query.sources.empty()) {
+        // An empty source stays an empty slot, which SQLite refuses: nothing is selected.
+        std::string list = "source IN (";
+        for (size_t i = 0; i < query.sources.size(); ++i) {
+            if (i > 0) list += ",";
+            if (query.sources[i].empty()) continue;
+            list += "?";
+            values.emplace_back(query.sources[i]);
+        }
+        conditions.push_back(list + ")");
+    }
 
     std::string where;
     for (const std::string& condition : conditions) {
@@ -70,13 +77,16 @@ std::string capture_where_text(const CaptureQuery& query) {
         where += condition;
     }
     if (!where.empty()) where += " ORDER BY start_ts ASC";
-    return where;
+    return {std::move(where), std::move(values)};
 }
 
-std::string capture_values(const CaptureFileRecord& record) {
-    return "'" + record.file_path + "', '" + record.source + "', '" + record.es_index + "', " +
-           std::to_string(record.start_ts) + ", " + std::to_string(record.end_ts) + ", " +
-           std::to_string(record.n_packets);
+std::vector<SqlValue> capture_values(const CaptureFileRecord& record) {
+    return {record.file_path,
+            record.source,
+            record.es_index,
+            sql_integer(record.start_ts),
+            sql_integer(record.end_ts),
+            sql_integer(record.n_packets)};
 }
 
 unsigned add_capture_file(const CaptureFileRecord& record) {
@@ -89,7 +99,7 @@ std::list<CaptureFileRecord> select_capture_files(const CaptureQuery& query) {
     std::list<CaptureFileRecord> records;
     VistrelDatabase database;
     // A failed select is logged by the database; whatever rows arrived are returned.
-    database.select(kCaptureTable, kCaptureColumns, capture_where_text(query), collect_capture_row,
+    database.select(kCaptureTable, kCaptureColumns, capture_where(query), collect_capture_row,
                     &records);
     return records;
 }

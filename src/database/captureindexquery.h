@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "database/boundstatement.h"
 #include "database/captureindex.h"
 
 namespace vistrel::database {
@@ -10,16 +11,13 @@ namespace vistrel::database {
 inline constexpr const char* kCaptureColumns =
     "file_path, source, es_index, start_ts, end_ts, n_packets";
 
-// The where text of a capture-index select: the range test, the index and the sources joined
-// with " AND ", then " ORDER BY start_ts ASC"; empty without any restriction. The range test
-// selects a file when its first or its last packet lies in [start, end], so a file covering
-// the whole range without either end inside it is not selected.
-std::string capture_where_text(const CaptureQuery& query);
-
-// "('a','b')": each source quoted, an empty source written as nothing.
-std::string source_list(const std::vector<std::string>& sources);
+// The where clause of a capture-index select, values bound: the range test, the index and the
+// sources joined with " AND ", then " ORDER BY start_ts ASC"; empty without any restriction. The
+// range test selects a file when its first or its last packet lies in [start, end], so a file
+// covering the whole range without either end inside it is not selected.
+BoundStatement capture_where(const CaptureQuery& query);
 
 // The value list of the capture-index insert.
-std::string capture_values(const CaptureFileRecord& record);
+std::vector<SqlValue> capture_values(const CaptureFileRecord& record);
 
 }  // namespace vistrel::database

@@ -59,19 +59,25 @@ int collect_session_row(void* context, int columns, char** values, char** names)
 
 }  // namespace
 
-std::string session_values(const std::string& uuid, int is_active, int user, uint64_t start_ts,
-                           uint64_t end_ts, const std::string& timezone) {
-    return "'" + uuid + "', '" + std::to_string(is_active) + "', '" + std::to_string(user) + "', " +
-           std::to_string(start_ts) + ", " + std::to_string(end_ts) + ", '" + timezone + "'";
+// The flag and the user id are stored as decimal texts, as they always have been.
+std::vector<SqlValue> session_values(const std::string& uuid, int is_active, int user,
+                                     uint64_t start_ts, uint64_t end_ts,
+                                     const std::string& timezone) {
+    return {uuid,
+            std::to_string(is_active),
+            std::to_string(user),
+            sql_integer(start_ts),
+            sql_integer(end_ts),
+            timezone};
 }
 
-std::string user_where_text(int user_id) {
-    return "id = '" + std::to_string(user_id) + "'";
+BoundStatement user_where(int user_id) {
+    return {"id = ?", {std::to_string(user_id)}};
 }
 
 unsigned save_session(const std::string& uuid, int is_active, int user, uint64_t start_ts,
                       uint64_t end_ts, const std::string& timezone) {
-    std::string values;
+    std::vector<SqlValue> values;
     if (!uuid.empty() && user >= 0) {
         values = session_values(uuid, is_active, user, start_ts, end_ts, timezone);
     }
@@ -94,7 +100,7 @@ std::list<SessionRecord> read_sessions(int is_active) {
 std::list<UserRecord> read_user(int user_id) {
     std::list<UserRecord> users;
     VistrelDatabase database;
-    database.select(kUserTable, "name, permissions, last_seen", user_where_text(user_id),
+    database.select(kUserTable, "name, permissions, last_seen", user_where(user_id),
                     collect_user_row, &users);
     return users;
 }

@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <vector>
+
+#include "database/boundstatement.h"
 
 namespace vistrel::database {
 
@@ -37,8 +40,9 @@ std::list<SessionRecord> read_sessions(int is_active);
 std::list<UserRecord> read_user(int user_id);
 
 // The statement parts, for inspection.
-std::string session_values(const std::string& uuid, int is_active, int user, uint64_t start_ts,
-                           uint64_t end_ts, const std::string& timezone);
-std::string user_where_text(int user_id);
+std::vector<SqlValue> session_values(const std::string& uuid, int is_active, int user,
+                                     uint64_t start_ts, uint64_t end_ts,
+                                     const std::string& timezone);
+BoundStatement user_where(int user_id);
 
 }  // namespace vistrel::database

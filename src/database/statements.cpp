@@ -4,8 +4,15 @@ namespace vistrel::database {
 
 namespace {
 
-std::string where_clause(const std::string& where) {
-    return where.empty() ? std::string() : " WHERE " + where;
+std::string placeholders(size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += i == 0 ? "?" : ", ?";
+    return text;
+}
+
+BoundStatement with_where(std::string head, const BoundStatement& where) {
+    if (where.empty()) return {head + ";"};
+    return {head + " WHERE " + where.text + ";", where.values};
 }
 
 }  // namespace
@@ -14,23 +21,27 @@ std::string create_table_statement(const std::string& table, const std::string& 
     return "CREATE TABLE IF NOT EXISTS '" + table + "' (" + columns + ")";
 }
 
-std::string insert_statement(const std::string& table, const std::string& columns,
-                             const std::string& values) {
-    return "INSERT INTO '" + table + "' (" + columns + ") VALUES (" + values + ");";
+BoundStatement insert_statement(const std::string& table, const std::string& columns,
+                                std::vector<SqlValue> values) {
+    std::string text = "INSERT INTO '" + table + "' (" + columns + ") VALUES (" +
+                       placeholders(values.size()) + ");";
+    return {std::move(text), std::move(values)};
 }
 
-std::string insert_or_replace_statement(const std::string& table, const std::string& columns,
-                                        const std::string& values) {
-    return "INSERT OR REPLACE INTO '" + table + "' (" + columns + ") VALUES (" + values + ");";
+BoundStatement insert_or_replace_statement(const std::string& table, const std::string& columns,
+                                           std::vector<SqlValue> values) {
+    std::string text = "INSERT OR REPLACE INTO '" + table + "' (" + columns + ") VALUES (" +
+                       placeholders(values.size()) + ");";
+    return {std::move(text), std::move(values)};
 }
 
-std::string select_statement(const std::string& table, const std::string& columns,
-                             const std::string& where) {
-    return "SELECT " + columns + " FROM '" + table + "'" + where_clause(where) + ";";
+BoundStatement select_statement(const std::string& table, const std::string& columns,
+                                const BoundStatement& where) {
+    return with_where("SELECT " + columns + " FROM '" + table + "'", where);
 }
 
-std::string delete_statement(const std::string& table, const std::string& where) {
-    return "DELETE FROM '" + table + "'" + where_clause(where) + ";";
+BoundStatement delete_statement(const std::string& table, const BoundStatement& where) {
+    return with_where("DELETE FROM '" + table + "'", where);
 }
 
 }  // namespace vistrel::database

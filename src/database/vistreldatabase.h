@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "database/boundstatement.h"
 
 namespace vistrel::database {
 
@@ -17,8 +20,9 @@ inline constexpr const char* kInterfaceTable = "Interface";
 
 // One connection to the server's SQLite database. Every user builds its own object, runs a few
 // statements and lets the destructor close the connection; an object is used by one thread.
-// Statements are plain text run through `execute`; the builders return the codes of
-// database/resultcodes.h.
+// Every statement is prepared once with its values bound to placeholders, one statement per
+// call, and checked by an authorizer that refuses what the server never issues; the builders
+// return the codes of database/resultcodes.h.
 class VistrelDatabase {
   public:
     // The sqlite3_exec row callback: context, column count, values (null for NULL), names.
@@ -41,24 +45,26 @@ class VistrelDatabase {
 
     bool is_open() const { return handle_ != nullptr; }
 
-    // WAL journal, foreign keys, the six tables; logs the capture row count. 0 or 1.
+    // WAL journal, foreign keys, the six tables and the capture-index indices; logs the capture
+    // row count. 0 or 1.
     unsigned create_schema();
     // 0, 2 or 3. Never retried.
     unsigned create_table(const std::string& table, const std::string& columns);
-    // Runs one statement; on failure logs the statement and SQLite's message. 0 or 2.
-    unsigned execute(std::string statement, RowCallback callback = nullptr,
+    // Runs one statement; on failure logs the statement (values written in) and SQLite's
+    // message. Text after the first statement is refused. 0 or 2.
+    unsigned execute(const BoundStatement& statement, RowCallback callback = nullptr,
                      void* context = nullptr);
     // 0 or 5.
     unsigned insert(const std::string& table, const std::string& columns,
-                    const std::string& values);
+                    std::vector<SqlValue> values);
     // 0 or 5.
     unsigned insert_or_replace(const std::string& table, const std::string& columns,
-                               const std::string& values);
+                               std::vector<SqlValue> values);
     // 0 or 4. An empty `where` selects every row.
-    unsigned select(const std::string& table, const std::string& columns, const std::string& where,
-                    RowCallback callback, void* context);
+    unsigned select(const std::string& table, const std::string& columns,
+                    const BoundStatement& where, RowCallback callback, void* context);
     // 0 or 6. An empty `where` deletes every row.
-    unsigned remove(const std::string& table, const std::string& where);
+    unsigned remove(const std::string& table, const BoundStatement& where);
 
     // Empties every table but AnalyzedTrace. 0 or 6.
     unsigned flush_all();
@@ -76,8 +82,8 @@ class VistrelDatabase {
     static Handle open(const std::string& path, int busy_timeout_ms);
     // Up to kAttempts executions while SQLite rejects the statement; then logs `failure`
     // with the table name and returns `failure_code`.
-    unsigned execute_with_retry(const std::string& statement, RowCallback callback, void* context,
-                                const char* failure, const std::string& table,
+    unsigned execute_with_retry(const BoundStatement& statement, RowCallback callback,
+                                void* context, const char* failure, const std::string& table,
                                 unsigned failure_code);
 
     Handle handle_;

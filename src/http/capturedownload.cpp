@@ -8,7 +8,9 @@
 #include "capture/extractionjob.h"
 #include "dashboard/dashboardfilter.h"
 #include "dashboard/dashboardtime.h"
+#include "database/captureindex.h"
 #include "http/pages.h"
+#include "startup/configuration.h"
 #include "startup/logger.h"
 
 namespace vistrel::http {
@@ -28,14 +30,24 @@ MHD_Result collect_variable(void* context, MHD_ValueKind, const char* key, const
     return MHD_YES;
 }
 
+// Bytes handed to the library per read callback.
+constexpr size_t kBlockSize = 102400;
+
+// A job's read result as the library's content reader answers it.
+ssize_t reader_result(int64_t result) {
+    if (result == capture::kEndOfStream) return MHD_CONTENT_READER_END_OF_STREAM;
+    if (result == capture::kEndWithError) return MHD_CONTENT_READER_END_WITH_ERROR;
+    return static_cast<ssize_t>(result);
+}
+
 // The library owns the job from the response's creation on and frees it after the last read.
 ssize_t read_direct(void* job, uint64_t, char* buffer, size_t maximum) {
-    return static_cast<ssize_t>(static_cast<capture::ExtractionJob*>(job)->read_direct(
+    return reader_result(static_cast<capture::ExtractionJob*>(job)->read_direct(
         reinterpret_cast<uint8_t*>(buffer), maximum));
 }
 
 ssize_t read_filtered(void* job, uint64_t, char* buffer, size_t maximum) {
-    return static_cast<ssize_t>(static_cast<capture::ExtractionJob*>(job)->read_filtered(
+    return reader_result(static_cast<capture::ExtractionJob*>(job)->read_filtered(
         reinterpret_cast<uint8_t*>(buffer), maximum));
 }
 
@@ -44,7 +56,7 @@ void free_job(void* job) {
 }
 
 MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::ExtractionJob> job) {
-    const database::CaptureQuery query = job->query();
+    const capture::CaptureQuery query = job->query();
     if (job->nothing_readable()) {
         // No selected file could be read: an empty answer that says so.
         MHD_Response* response =
@@ -56,8 +68,7 @@ MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::Ex
     }
     capture::ExtractionJob* raw = job.get();
     MHD_Response* response = MHD_create_response_from_callback(
-        MHD_SIZE_UNKNOWN, capture::kHttpBlockSize, raw->filtered() ? read_filtered : read_direct,
-        raw, free_job);
+        MHD_SIZE_UNKNOWN, kBlockSize, raw->filtered() ? read_filtered : read_direct, raw, free_job);
     if (response == nullptr) return MHD_NO;
     job.release();
     MHD_add_response_header(response, "Content-Type", "application/x-pcapng");
@@ -75,7 +86,7 @@ bool bidirectional_flag(const std::optional<std::string>& value) {
            strcasecmp(value->c_str(), "yes") == 0;
 }
 
-std::string capture_disposition(const database::CaptureQuery& query) {
+std::string capture_disposition(const capture::CaptureQuery& query) {
     return "attachment; filename=capture_" + std::to_string(query.start) + "_" +
            std::to_string(query.end) + ".pcapng";
 }
@@ -97,7 +108,7 @@ MHD_Result handle_capture_download(const GetRequest& request) {
     }
     LOG_NORMAL("Requesting pcap between: %s and %s", from->c_str(), to->c_str());
 
-    database::CaptureQuery query;
+    capture::CaptureQuery query;
     query.start = dashboard::translate_timestamp(*from, true);
     query.end = dashboard::translate_timestamp(*to, false);
     if (query.start == 0 || query.end == 0) {
@@ -117,11 +128,19 @@ MHD_Result handle_capture_download(const GetRequest& request) {
     }
 
     const bool bidirectional = bidirectional_flag(request.arguments("var-bidirectionalfilter"));
-    query.display_filter = dashboard::translate_filters(variables.filters, bidirectional);
+    const dashboard::TranslatedFilter translated = dashboard::translate_dashboard_filters(
+        variables.filters, bidirectional, dashboard::rules_file_path());
+    query.display_filter = translated.text;
     LOG_NORMAL("Translated Grafana filters to tshark like: '%s'", query.display_filter.c_str());
 
-    capture::Extraction extraction =
-        capture::prepare_extraction(query, database::select_capture_files(query));
+    capture::ExtractionOptions options;
+    if (configuration().force_tshark) {
+        options.tshark_reason = "force_tshark is set in the configuration";
+    } else if (translated.has_raw_terms) {
+        options.tshark_reason = "the filter holds a display filter of the user's own";
+    }
+    capture::Extraction extraction = capture::prepare_extraction(
+        query, database::select_capture_files(query), std::move(options));
     if (!extraction.job) {
         return send_styled_error_page(connection, extraction.error_title, extraction.error_message,
                                       MHD_HTTP_OK);

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "database/captureindex.h"
+#include "capture/capturequery.h"
 #include "http/routes.h"
 
 namespace vistrel::http {
@@ -18,6 +18,6 @@ MHD_Result handle_capture_download(const GetRequest& request);
 bool bidirectional_flag(const std::optional<std::string>& value);
 
 // "attachment; filename=capture_<start>_<end>.pcapng"
-std::string capture_disposition(const database::CaptureQuery& query);
+std::string capture_disposition(const capture::CaptureQuery& query);
 
 }  // namespace vistrel::http

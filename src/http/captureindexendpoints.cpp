@@ -1,15 +1,17 @@
 #include "http/captureindexendpoints.h"
 
-#include <unistd.h>
-
-#include <cerrno>
+#include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <exception>
 #include <list>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <stdexcept>
+#include <string>
 
+#include "database/capturecleanup.h"
 #include "database/captureindex.h"
 #include "database/resultcodes.h"
 #include "searchindex/searchindexclient.h"
@@ -45,6 +47,30 @@ int atoi_like(const std::string& text) {
 
 const char* shown(const Argument& argument) {
     return argument ? argument->c_str() : "(null)";
+}
+
+// An index name or pattern of the search server. Anything else ("/", "?", "#", "..", a leading
+// "_" naming one of its APIs) would make the request reach another part of that server.
+bool plain_index_name(const std::string& name) {
+    if (name.empty() || name[0] == '_' || name[0] == '-' || name == "." || name == "..") {
+        return false;
+    }
+    for (char c : name) {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_' && c != '.' &&
+            c != '*' && c != '+') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The argument as the inside of a JSON string, so that a quote in it cannot end the string of
+// the search server's query.
+Argument json_inner(const Argument& argument) {
+    if (!argument) return argument;
+    std::string quoted =
+        nlohmann::json(*argument).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return quoted.substr(1, quoted.size() - 2);
 }
 
 std::string cleanup_reply_text(size_t found, size_t removed, size_t errors, bool filesystem,
@@ -99,7 +125,7 @@ Reply handle_add_file(const QueryArguments& arguments) {
                     " end_ts = " + std::to_string(end) + " sources = " + *source +
                     " n_packets = " + std::to_string(packets),
                 200};
-    database::CaptureFileRecord record;
+    capture::CaptureFileRecord record;
     record.file_path = path;
     record.source = *source;
     record.es_index = *es_index;
@@ -121,7 +147,7 @@ Reply handle_cleanup(const QueryArguments& arguments) {
     Argument end_ts = arguments("end_ts");
     Argument es_index = arguments("es_index");
 
-    database::CaptureQuery query;
+    capture::CaptureQuery query;
     if (start_ts && end_ts) {
         int64_t start = to_integer(*start_ts);
         int64_t end = to_integer(*end_ts);
@@ -149,34 +175,17 @@ Reply handle_cleanup(const QueryArguments& arguments) {
         LOG_NORMAL("Applying clean up to whole Datasource");
     }
 
-    std::list<database::CaptureFileRecord> files = database::select_capture_files(query);
+    std::list<capture::CaptureFileRecord> files = database::select_capture_files(query);
     LOG_NORMAL("Found %d files", static_cast<int>(files.size()));
 
     const bool delete_files = filesystem && *filesystem == "true";
-    size_t removed = 0;
-    size_t errors = 0;
-    if (!files.empty() && delete_files) {
-        for (const database::CaptureFileRecord& file : files) {
-            // A file only: a folder registered by mistake is an error, not something to remove.
-            if (::unlink(file.file_path.c_str()) == 0) {
-                ++removed;
-                LOG_NORMAL("Removed file %s", file.file_path.c_str());
-            } else {
-                ++errors;
-                LOG_ERROR("Removing file %s failed with error code: %ld", file.file_path.c_str(),
-                          static_cast<long>(errno));
-            }
-            // The row goes even when the file was already gone.
-            if (database::remove_capture_file(file.file_path) != 0) {
-                LOG_WARNING("Didnt remove file '%s' from internal database",
-                            file.file_path.c_str());
-            } else {
-                LOG_NORMAL("Removed file '%s' from internal database", file.file_path.c_str());
-            }
-        }
+    database::CleanupCounts counts;
+    if (delete_files) {
+        counts = database::delete_capture_files(files, configuration().owned_capture_folders());
     }
     Reply reply{"", 200};
-    reply.text = cleanup_reply_text(files.size(), removed, errors, delete_files, reply.status);
+    reply.text =
+        cleanup_reply_text(files.size(), counts.removed, counts.errors, delete_files, reply.status);
     LOG_NORMAL("%s", reply.text.c_str());
     return reply;
 }
@@ -184,12 +193,16 @@ Reply handle_cleanup(const QueryArguments& arguments) {
 Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     Argument es_addr = arguments("es_addr");
     Argument es_index = arguments("es_index");
-    Argument source = arguments("source");
-    Argument start_ts = arguments("start_ts");
-    Argument end_ts = arguments("end_ts");
+    Argument source = json_inner(arguments("source"));
+    Argument start_ts = json_inner(arguments("start_ts"));
+    Argument end_ts = json_inner(arguments("end_ts"));
     if (!es_addr) {
         LOG_NORMAL("Bad request, missing Elastic address");
         return {"Unable to perform Elasticsearch cleanup without an address", 400};
+    }
+    if (es_index && !plain_index_name(*es_index)) {
+        LOG_WARNING("Bad request, '%s' is not an index name", es_index->c_str());
+        return {"Error : Bad index name", 400};
     }
     const searchindex::Credentials none;
     bool done = false;
@@ -222,14 +235,17 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
 
 Reply handle_search(const std::string& body) {
     LOG_DEBUG("Got Grafana's Simple Json %s request to get my address", "/search");
-    nlohmann::json document = nlohmann::json::parse(body, nullptr, false);
-    if (document.is_object()) {
-        auto target = document.find("target");
-        if (target != document.end() && target->is_string() &&
-            target->get<std::string>() == "cs_address") {
-            return {"[\"" + own_server_address() + "\"]", 200};
-        }
+    std::string target;
+    try {
+        const nlohmann::json document = nlohmann::json::parse(body);
+        const auto member = document.find("target");
+        if (member == document.end())
+            throw std::runtime_error("JSON Parsing error: Non optional field [target] not found");
+        target = member->get<std::string>();
+    } catch (const std::exception& error) {
+        LOG_ERROR("Exception parsing SimpleJsonSearch: %s", error.what());
     }
+    if (target == "cs_address") return {"[\"" + own_server_address() + "\"]", 200};
     return {"Unhandled search request", 400};
 }
 

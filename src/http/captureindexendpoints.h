@@ -2,7 +2,8 @@
 
 #include <string>
 
-#include "http/reply.h"
+#include "common/reply.h"
+#include "http/routes.h"
 
 // The endpoints that keep the capture index and the search index in step with the files on
 // disk, and the dashboard's search for this server's address.

@@ -17,6 +17,7 @@ struct ConnectionRecord {
     Type type = Type::kGet;
     MHD_PostProcessor* post_processor = nullptr;  // "/analyzeCapture" uploads only
     std::string body;                             // JSON POST bodies, collected whole
+    bool body_too_large = false;                  // the body passed the limit and was dropped
     UploadState upload;  // "/analyzeCapture": the post processor's closure (upload_iterator)
 };
 

@@ -2,23 +2,28 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 
-#include <atomic>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "devices/deviceregistry.h"
-#include "engine/engineresult.h"
-#include "host/disk.h"
+#include "devices/firmwarestash.h"
 #include "host/paths.h"
+#include "http/authentication.h"
 #include "http/binding.h"
 #include "http/connectionrecord.h"
 #include "http/pages.h"
 #include "http/routes.h"
-#include "session/replies.h"
+#include "http/uploadendpoint.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 
@@ -26,50 +31,13 @@ namespace vistrel::http {
 
 namespace {
 
-// Multipart uploads in progress. Checked and counted in two steps, so the limit is approximate
-// under simultaneous first calls; atomic only so that the count itself stays exact.
-std::atomic<uint32_t> g_uploads{0};
-constexpr uint32_t kMaxUploads = 2;
-constexpr int64_t kUploadSpace = 2147483648LL;
-
-// The first call of an upload: admission, then the post processor. MHD_NO closes the
-// connection; a queued refusal leaves the slot empty.
-MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
-    refused = false;
-    // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
-    auto refuse = [&](const char* message, uint32_t code, int status) {
-        refused = true;
-        delete record;
-        return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
-                         status);
-    };
-    if (engine::WatchkeepProcess::is_running()) {
-        LOG_WARNING("Watchkeep is already running");
-        return refuse("Vistrel is busy with another analysis, please retry later",
-                      engine::kEngineAlreadyRunning, 503);
+// Every connection holds a descriptor: the soft limit (often 1,024) is raised to the hard one.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
-    if (g_uploads > kMaxUploads - 1) {
-        LOG_WARNING("Max number of uploaders reached");
-        return refuse("Vistrel is busy with another analysis, please retry later",
-                      engine::kEngineAlreadyRunning, 503);
-    }
-    // Measured under the profile's own Vistrel folder, whatever upload folder is configured.
-    if (host::free_space(host::profile_folder() + "/Documents/Vistrel/analyzed_captures") <
-        kUploadSpace) {
-        LOG_WARNING("Low disk space");
-        return refuse("Low disk space, (min 2GB)", engine::kEngineNotExecuted, 507);
-    }
-    LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
-    record->post_processor =
-        MHD_create_post_processor(connection, 512, upload_iterator, &record->upload);
-    if (record->post_processor == nullptr) {
-        delete record;
-        return MHD_NO;
-    }
-    LOG_NORMAL("Iteratepost postprocessor made");
-    ++g_uploads;
-    LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
-    return MHD_YES;
 }
 
 std::unique_ptr<HttpServer> g_server;
@@ -89,9 +57,10 @@ QueryArguments arguments_of(MHD_Connection* connection) {
     };
 }
 
-MHD_Result dispatch_get(MHD_Connection* connection, const std::string& url) {
+MHD_Result dispatch_get(const HttpServer& server, MHD_Connection* connection,
+                        const std::string& url) {
     QueryArguments arguments = arguments_of(connection);
-    for (const GetRoute& route : get_routes()) {
+    for (const GetRoute& route : server.get_routes()) {
         bool matches =
             route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
         if (!matches || !route.handler) continue;
@@ -124,9 +93,25 @@ bool is_local_client(MHD_Connection* connection) {
     return text == "localhost" || text == "127.0.0.1" || text == configuration().host;
 }
 
-MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
-                         ConnectionRecord& record) {
-    for (const PostRoute& route : post_routes()) {
+// True when the client connects from a loopback address (127.0.0.0/8 or ::1).
+bool is_loopback_client(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    if (info->client_addr->sa_family == AF_INET) {
+        const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+        return (ntohl(address->sin_addr.s_addr) >> 24) == 127;
+    }
+    if (info->client_addr->sa_family == AF_INET6) {
+        const auto* address = reinterpret_cast<const sockaddr_in6*>(info->client_addr);
+        return IN6_IS_ADDR_LOOPBACK(&address->sin6_addr);
+    }
+    return false;
+}
+
+MHD_Result dispatch_post(const HttpServer& server, MHD_Connection* connection,
+                         const std::string& url, ConnectionRecord& record) {
+    for (const PostRoute& route : server.post_routes()) {
         if (url != route.path || !route.handler) continue;
         Reply reply;
         try {
@@ -140,8 +125,28 @@ MHD_Result dispatch_post(MHD_Connection* connection, const std::string& url,
     return send_text(connection, "Error : Unknown request " + url, 400);
 }
 
-MHD_Result handle_request(MHD_Connection* connection, const char* url_text, const char* method_text,
-                          const char* upload_data, size_t* upload_data_size, void** slot) {
+// The Content-Length of the request; 0 when absent or unreadable (a chunked body).
+uint64_t announced_length(MHD_Connection* connection) {
+    const char* text =
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if (text == nullptr) return 0;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long value = std::strtoull(text, &end, 10);
+    if (errno == ERANGE) return UINT64_MAX;
+    return end != text ? value : 0;
+}
+
+// 413 with a plain text; libmicrohttpd closes the connection without reading the rest.
+MHD_Result refuse_large_body(MHD_Connection* connection, const std::string& url) {
+    LOG_WARNING("Request for url '%s' refused: body larger than %zu bytes", url.c_str(),
+                configuration().security.max_json_body);
+    return send_text(connection, "Error : Request body too large", 413);
+}
+
+MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
+                          const char* url_text, const char* method_text, const char* upload_data,
+                          size_t* upload_data_size, void** slot) {
     const std::string url = url_text != nullptr ? url_text : "";
     const std::string method = method_text != nullptr ? method_text : "";
     // Every call is logged; the polled URLs and upload chunks only at debug level.
@@ -150,7 +155,20 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
     } else {
         LOG_NORMAL("Request for url: '%s'", url.c_str());
     }
+    const SecuritySettings& security = configuration().security;
     if (*slot == nullptr) {
+        const char* authorization =
+            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
+        if (!(security.trust_loopback && is_loopback_client(connection)) &&
+            !authorization_accepted(security, authorization != nullptr ? authorization : "")) {
+            LOG_WARNING("Request for url '%s' refused: not authenticated", url.c_str());
+            return send_unauthorized(connection, security);
+        }
+        // A JSON body that announces more than the limit is refused before it is read.
+        if (method == "POST" && url != "/analyzeCapture" &&
+            announced_length(connection) > security.max_json_body) {
+            return refuse_large_body(connection, url);
+        }
         // libmicrohttpd owns the record through the slot until the completion callback.
         auto* record = new (std::nothrow) ConnectionRecord();
         if (record == nullptr) return MHD_NO;
@@ -170,7 +188,7 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
         *upload_data_size = 0;
         return MHD_YES;
     }
-    if (method == "GET") return dispatch_get(connection, url);
+    if (method == "GET") return dispatch_get(server, connection, url);
     if (method == "OPTIONS") return send_text(connection, "Method OPTIONS is not supported", 400);
     if (method != "POST") return send_text(connection, "Error : Unknown request", 400);
 
@@ -178,25 +196,32 @@ MHD_Result handle_request(MHD_Connection* connection, const char* url_text, cons
         if (record->post_processor != nullptr) {
             // A refusal of the iterator is kept in the upload state and answered at the end.
             MHD_post_process(record->post_processor, upload_data, *upload_data_size);
+        } else if (record->body_too_large ||
+                   record->body.size() + *upload_data_size > security.max_json_body) {
+            // A chunked body that grows past the limit: libmicrohttpd takes no answer in the
+            // middle of a body, so the rest is read and dropped, then answered 413.
+            record->body_too_large = true;
+            std::string().swap(record->body);
         } else {
             record->body.append(upload_data, *upload_data_size);
         }
         *upload_data_size = 0;
         return MHD_YES;
     }
+    if (record->body_too_large) return refuse_large_body(connection, url);
     if (url == "/analyzeCapture" && record->upload.close_file()) LOG_NORMAL("Closed upload file");
-    return dispatch_post(connection, url, *record);
+    return dispatch_post(server, connection, url, *record);
 }
 
 // No exception may cross into libmicrohttpd: whatever escapes the dispatch (a body too large
 // for memory, a handler throwing something that is not a standard exception) closes the
 // connection instead of ending the process.
-MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_text,
+MHD_Result access_handler(void* server, MHD_Connection* connection, const char* url_text,
                           const char* method_text, const char*, const char* upload_data,
                           size_t* upload_data_size, void** slot) {
     try {
-        return handle_request(connection, url_text, method_text, upload_data, upload_data_size,
-                              slot);
+        return handle_request(*static_cast<const HttpServer*>(server), connection, url_text,
+                              method_text, upload_data, upload_data_size, slot);
     } catch (const std::exception& error) {
         LOG_ERROR("Request for url '%s' failed: %s", url_text != nullptr ? url_text : "",
                   error.what());
@@ -209,13 +234,7 @@ MHD_Result access_handler(void*, MHD_Connection* connection, const char* url_tex
 void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {
     auto* record = static_cast<ConnectionRecord*>(*slot);
     if (record == nullptr) return;
-    if (record->post_processor != nullptr) {
-        MHD_destroy_post_processor(record->post_processor);
-        record->post_processor = nullptr;
-        LOG_NORMAL("Destroyed postprocessor");
-        --g_uploads;
-        LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
-    }
+    end_upload(*record);
     // Still open here means the last chunk never came: the stored file is incomplete.
     if (record->upload.discard_file()) LOG_NORMAL("Request completed: Closed upload file");
     delete record;
@@ -227,37 +246,77 @@ void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminati
 HttpServer::HttpServer()
     : firmware_updater_(std::make_unique<devices::TidewellFirmwareUpdater>()),
       engine_(std::make_unique<engine::WatchkeepProcess>()),
-      session_(std::make_unique<session::VistrelSession>(*engine_)) {}
+      session_(std::make_unique<session::VistrelSession>(*engine_)),
+      get_routes_(make_get_routes()),
+      post_routes_(make_post_routes()) {
+    // Read once here so that a missing or broken catalogue shows in the start-up log; the
+    // firmware requests read it afresh.
+    std::vector<devices::FirmwareImage> catalogue;
+    devices::read_firmware_catalogue(host::firmware_catalogue_path(), catalogue);
+}
 
 HttpServer::~HttpServer() {
-    LOG_NORMAL("Finishing server...");
     firmware_updater_.reset();
-    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
     stop_daemon();
     session_.reset();
     engine_.reset();
 }
 
+void HttpServer::finish() {
+    LOG_NORMAL("Finishing server...");
+    firmware_updater_.reset();
+    if (devices::uninitialise() != 0) LOG_ERROR("Failed to cleanup Tidewell API");
+}
+
 int HttpServer::start() {
     if (daemon_ != nullptr) return kAlreadyRunning;
     Configuration& config = configuration();
+    const SecuritySettings& security = config.security;
     std::optional<sockaddr_storage> address = choose_listen_address(config);
-    const unsigned flags =
-        MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD;
-    const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
+    raise_descriptor_limit();
+    // epoll: no descriptor ceiling; a pool of threads instead of one per connection, so idle
+    // or slow clients cost a descriptor each, not a thread.
+    unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_EPOLL_INTERNAL_THREAD;
+    std::vector<MHD_OptionItem> options = {
+        {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&request_completed), nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(security.connection_timeout),
+         nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(security.max_connections), nullptr},
+        {MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+         static_cast<intptr_t>(security.max_connections_per_client), nullptr},
+        {MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(security.worker_threads), nullptr},
+    };
     if (address) {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
-                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
-                                   MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&*address),
-                                   MHD_OPTION_END);
-    } else {
-        daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, nullptr,
-                                   MHD_OPTION_NOTIFY_COMPLETED, &request_completed, nullptr,
-                                   MHD_OPTION_END);
+        options.push_back({MHD_OPTION_SOCK_ADDR, 0, reinterpret_cast<sockaddr*>(&*address)});
     }
+    if (security.tls()) {
+        if (!read_tls_files(security)) return kDaemonFailed;
+        flags |= MHD_USE_TLS;
+        options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, tls_key_.data()});
+        options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, tls_certificate_.data()});
+    }
+    options.push_back({MHD_OPTION_END, 0, nullptr});
+    const uint16_t port = static_cast<uint16_t>(config.port & 0xFFFF);
+    daemon_ = MHD_start_daemon(flags, port, nullptr, nullptr, &access_handler, this,
+                               MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
     if (daemon_ == nullptr) return kDaemonFailed;
     LOG_NORMAL("Using Port number: %d", static_cast<int>(config.port));
     return kListening;
+}
+
+bool HttpServer::read_tls_files(const SecuritySettings& security) {
+    auto read = [](const std::string& path, std::string& content) {
+        std::ifstream file(path, std::ios::binary);
+        content.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        if (!file.bad() && !content.empty()) return true;
+        LOG_ERROR("Unable to read the TLS file '%s'", path.c_str());
+        return false;
+    };
+    if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
+        LOG_ERROR("This libmicrohttpd has no TLS support");
+        return false;
+    }
+    return read(security.tls_certificate, tls_certificate_) && read(security.tls_key, tls_key_);
 }
 
 void HttpServer::stop_daemon() {
@@ -274,6 +333,12 @@ HttpServer& HttpServer::instance() {
 }
 
 void HttpServer::destroy() {
+    std::lock_guard<std::mutex> lock(g_server_creation);
+    if (g_server) g_server->finish();
+    g_server.reset();
+}
+
+void HttpServer::discard() {
     std::lock_guard<std::mutex> lock(g_server_creation);
     g_server.reset();
 }

@@ -9,7 +9,10 @@
 // Endpoint handlers of the other subsystems; each file wires its own lines below.
 #include "http/capturedownload.h"
 #include "http/captureindexendpoints.h"
-#include "http/sessionroutes.h"
+#include "http/connectionrecord.h"
+#include "http/httpserver.h"
+#include "http/uploadendpoint.h"
+#include "session/sessionendpoints.h"
 
 namespace vistrel::http {
 
@@ -35,6 +38,12 @@ Reply disk_space(const QueryArguments&) {
     return {document, document.empty() ? 500 : 200};
 }
 
+// A handler that needs no query argument.
+GetHandler replying(std::function<Reply()> handler) {
+    return reply_handler(
+        [handler = std::move(handler)](const QueryArguments&) { return handler(); });
+}
+
 MHD_Result static_file(const GetRequest& request) {
     return serve_static_file(request.connection, request.url);
 }
@@ -43,41 +52,58 @@ MHD_Result static_file(const GetRequest& request) {
 
 // Searched in this order; the first match wins. An entry without a handler is answered as an
 // unknown request until its subsystem serves it.
-const std::vector<GetRoute>& get_routes() {
-    static const std::vector<GetRoute> routes = {
-        {"/getDevices", false, reply_handler(session_routes::get_devices)},
+std::vector<GetRoute> HttpServer::make_get_routes() {
+    return {
+        {"/getDevices", false, replying([this] { return session::handle_get_devices(*session_); })},
         {"/getInterfaces", false, reply_handler(interfaces)},
-        {"/getCMStatus", false, reply_handler(session_routes::cm_status)},
+        {"/getCMStatus", false, replying(session::handle_cm_status)},
         {"/img/", true, static_file},
         {"/getStatus", false, reply_handler(alive)},
         {"/", false, reply_handler(alive)},
         {"/getDiskSpace", false, reply_handler(disk_space)},
-        {"/stopCaptureAll", false, reply_handler(session_routes::stop_capture_all)},
+        {"/stopCaptureAll", false,
+         replying([this] { return session::handle_stop_capture_all(*session_); })},
         {"/getCapture", false, handle_capture_download},
         {"/addFile", false, reply_handler(handle_add_file)},
         {"/cleanup", false, reply_handler(handle_cleanup)},
         {"/cleanupElasticsearch", false, reply_handler(handle_cleanup_elasticsearch)},
-        {"/getTidewellFirmwares", false, reply_handler(session_routes::tidewell_firmwares)},
-        {"/getTidewells", false, reply_handler(session_routes::tidewells)},
-        {"/getAvailability", false, reply_handler(session_routes::availability)},
-        {"/getLastSession", false, reply_handler(session_routes::last_session)},
+        {"/getTidewellFirmwares", false,
+         replying([this] { return session::handle_tidewell_firmwares(*session_); })},
+        {"/getTidewells", false,
+         replying([this] { return session::handle_get_tidewells(*session_); })},
+        {"/getAvailability", false, replying(session::handle_availability)},
+        {"/getLastSession", false,
+         replying([this] { return session::handle_last_session(*session_); })},
     };
-    return routes;
 }
 
-const std::vector<PostRoute>& post_routes() {
-    static const std::vector<PostRoute> routes = {
-        {"/search", [](const PostRequest& request) { return handle_search(request.body); }},
-        {"/startCapture", session_routes::start_capture},
-        {"/analyzeCapture", session_routes::analyze_capture},
-        {"/restartTidewell", session_routes::restart_tidewell},
-        {"/saveTidewell", session_routes::save_tidewell},
-        {"/setDeviceTime", session_routes::set_device_time},
-        {"/updateTidewellFirmware", session_routes::update_firmware},
-        {"/getTidewellFirmwareUpdateStatus", session_routes::firmware_update_status},
-        {"/restoreTidewell", session_routes::restore_tidewell},
+std::vector<PostRoute> HttpServer::make_post_routes() {
+    // The device commands all take the session, the updater and the body.
+    auto device_command = [this](Reply (*handler)(const session::VistrelSession&,
+                                                  devices::TidewellFirmwareUpdater&,
+                                                  const std::string&)) -> PostHandler {
+        return [this, handler](const PostRequest& request) {
+            return handler(*session_, *firmware_updater_, request.body);
+        };
     };
-    return routes;
+    return {
+        {"/search", [](const PostRequest& request) { return handle_search(request.body); }},
+        {"/startCapture",
+         [this](const PostRequest& request) {
+             return session::handle_start_capture(*session_, request.body);
+         }},
+        {"/analyzeCapture",
+         [this](const PostRequest& request) {
+             return handle_analyze_capture(*session_, request.record.upload, request.local_client);
+         }},
+        {"/restartTidewell", device_command(session::handle_restart_tidewell)},
+        {"/saveTidewell", device_command(session::handle_save_tidewell)},
+        {"/setDeviceTime", device_command(session::handle_set_device_time)},
+        {"/updateTidewellFirmware", device_command(session::handle_update_firmware)},
+        {"/getTidewellFirmwareUpdateStatus",
+         device_command(session::handle_firmware_update_status)},
+        {"/restoreTidewell", device_command(session::handle_restore_tidewell)},
+    };
 }
 
 }  // namespace vistrel::http

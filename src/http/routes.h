@@ -3,14 +3,18 @@
 #include <microhttpd.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "http/reply.h"
+#include "common/reply.h"
 
 namespace vistrel::http {
 
 struct ConnectionRecord;
+
+// Looks up one GET argument of the request's query string; nullopt when absent.
+using QueryArguments = std::function<std::optional<std::string>(const std::string& key)>;
 
 struct GetRequest {
     MHD_Connection* connection;
@@ -40,10 +44,6 @@ struct PostRoute {
     std::string path;
     PostHandler handler;
 };
-
-// The tables in the order they are searched; the first match wins.
-const std::vector<GetRoute>& get_routes();
-const std::vector<PostRoute>& post_routes();
 
 // Adapts a handler that yields a Reply into a GET handler that sends it as text.
 GetHandler reply_handler(std::function<Reply(const QueryArguments&)> handler);

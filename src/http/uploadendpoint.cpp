@@ -3,11 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <exception>
 
 #include "capture/capturefile.h"
+#include "engine/engineresult.h"
+#include "engine/watchkeepprocess.h"
 #include "host/disk.h"
+#include "host/paths.h"
+#include "http/connectionrecord.h"
+#include "http/pages.h"
 #include "session/replies.h"
 #include "session/startrequest.h"
 #include "startup/configuration.h"
@@ -68,13 +74,20 @@ MHD_Result open_upload_file(UploadState& upload, const char* filename) {
     }
     upload.file = std::fopen(path.c_str(), "ab");
     if (upload.file == nullptr) {
+        // No answer of its own: the request ends as an unknown error.
         LOG_ERROR("Could not open upload file '%s' with Erc: %ld", path.c_str(),
                   static_cast<long>(errno));
-        return refuse(upload, 500, "Error for upload destination path");
+        return MHD_NO;
     }
     LOG_NORMAL("Made new upload file at '%s'", path.c_str());
     return MHD_YES;
 }
+
+// Uploads in progress. Checked and counted in two steps, so the limit is approximate
+// under simultaneous first calls; atomic only so that the count itself stays exact.
+std::atomic<uint32_t> g_uploads{0};
+constexpr uint32_t kMaxUploads = 2;
+constexpr int64_t kUploadSpace = 2147483648LL;
 
 }  // namespace
 
@@ -122,9 +135,10 @@ MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, c
         return MHD_YES;
     }
     if (std::fwrite(data, 1, size, upload.file) != size) {
+        // The half-written file goes, so the request ends as an upload that was not made.
         LOG_ERROR("Could not write upload file '%s'", upload.path.c_str());
         upload.discard_file();
-        return refuse(upload, 500, "Could not write upload file");
+        return MHD_NO;
     }
     upload.answer = kUploadDone;
     upload.status = 200;
@@ -133,7 +147,8 @@ MHD_Result upload_iterator(void* closure, enum MHD_ValueKind, const char* key, c
 
 Reply handle_analyze_capture(session::VistrelSession& session, UploadState& upload, bool local) {
     int status = upload.status < 1 ? 500 : upload.status;
-    if (!upload.answer) return {"Unknown error", status == 200 ? 400 : status};
+    // No good chunk came (no "file" field, or its file could not be made): never a success.
+    if (!upload.answer) return {"Unknown error", 500};
     if (upload.path.empty()) {
         // Failures that already wrote a command reply keep it.
         if (!upload.answer->empty() && upload.answer->front() == '{')
@@ -172,6 +187,53 @@ Reply handle_analyze_capture(session::VistrelSession& session, UploadState& uplo
                 400};
     }
     return session.start_analysis(std::move(request), upload.path);
+}
+
+MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bool& refused) {
+    refused = false;
+    // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
+    auto turn_away = [&](const char* message, uint32_t code, int status) {
+        refused = true;
+        delete record;
+        return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
+                         status);
+    };
+    if (engine::WatchkeepProcess::is_running()) {
+        LOG_WARNING("Watchkeep is already running");
+        return turn_away("Vistrel is busy with another analysis, please retry later",
+                         engine::kEngineAlreadyRunning, 503);
+    }
+    if (g_uploads > kMaxUploads - 1) {
+        LOG_WARNING("Max number of uploaders reached");
+        return turn_away("Vistrel is busy with another analysis, please retry later",
+                         engine::kEngineAlreadyRunning, 503);
+    }
+    // Measured under the profile's own Vistrel folder, whatever upload folder is configured.
+    if (host::free_space(host::profile_folder() + "/Documents/Vistrel/analyzed_captures") <
+        kUploadSpace) {
+        LOG_WARNING("Low disk space");
+        return turn_away("Low disk space, (min 2GB)", engine::kEngineNotExecuted, 507);
+    }
+    LOG_NORMAL("Request for url: '%s'", "/analyzeCapture");
+    record->post_processor =
+        MHD_create_post_processor(connection, 512, upload_iterator, &record->upload);
+    if (record->post_processor == nullptr) {
+        delete record;
+        return MHD_NO;
+    }
+    LOG_NORMAL("Iteratepost postprocessor made");
+    ++g_uploads;
+    LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
+    return MHD_YES;
+}
+
+void end_upload(ConnectionRecord& record) {
+    if (record.post_processor == nullptr) return;
+    MHD_destroy_post_processor(record.post_processor);
+    record.post_processor = nullptr;
+    LOG_NORMAL("Destroyed postprocessor");
+    --g_uploads;
+    LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
 }
 
 }  // namespace vistrel::http

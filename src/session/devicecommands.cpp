@@ -4,6 +4,7 @@
 #include <exception>
 #include <nlohmann/json.hpp>
 
+#include "TidewellDefaults.h"
 #include "devices/deviceoperations.h"
 #include "devices/deviceregistry.h"
 #include "devices/devicetime.h"
@@ -39,9 +40,9 @@ std::string DeviceCommands::device_name(const devices::StatsThreadInfo& device) 
     return device.name.empty() ? session_.remembered_name(device.mac) : device.name;
 }
 
-http::Reply DeviceCommands::reply(int command, const char* result_type,
-                                  const std::vector<Outcome>& outcomes,
-                                  std::string general_message) const {
+Reply DeviceCommands::reply(int command, const char* result_type,
+                            const std::vector<Outcome>& outcomes,
+                            std::string general_message) const {
     bool all_succeeded = true;
     nlohmann::ordered_json results = nlohmann::ordered_json::array();
     CommandDocument document;
@@ -66,7 +67,7 @@ http::Reply DeviceCommands::reply(int command, const char* result_type,
     return {command_document(document), session_status(code, 200)};
 }
 
-http::Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
+Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
     std::vector<Outcome> outcomes;
     for (const auto& mac : macs) {
         Outcome outcome;
@@ -90,27 +91,7 @@ http::Reply DeviceCommands::restart(const std::vector<std::string>& macs) {
 }
 
 TidewellAPIFeatures DeviceCommands::default_features(uint16_t hw_firmware_id) {
-    TidewellAPIFeatures features{};
-    features.DisablePortA = TidewellAPIState_Off;
-    features.DisablePortB = TidewellAPIState_Off;
-    features.EnableTimestamps = TidewellAPIState_On;
-    features.ForcePPSGeneration = TidewellAPIState_Off;
-    features.InlineMode = TidewellAPIState_Off;
-    features.KeepCRC32Field = TidewellAPIState_Off;
-    features.Loopback = TidewellAPIState_Off;
-    features.PPSOutput = TidewellAPIState_Off;
-    features.PortATimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.PortBTimestampMoment = TidewellAPITimestampMoment_StartOfFrame;
-    features.Slicing = TidewellAPIState_Off;
-    features.StatisticsOnly = TidewellAPIState_Off;
-    features.SyncTimestamps = TidewellAPIState_Off;
-    features.TimeInitSource = TidewellAPITimeSource_Internal;
-    features.TransmitCrcErrors = TidewellAPIState_Off;
-    features.WaitForSync = TidewellAPIState_Off;
-    features.HWFirmwareId = hw_firmware_id;
-    features.SlicingLength = 0;
-    features.PPSCompensation = 0;
-    return features;
+    return tidewell_factory_features(hw_firmware_id);
 }
 
 TidewellAPIPortsSpeed DeviceCommands::default_port_speeds(const TidewellAPIPortsSpeed& current) {
@@ -169,19 +150,19 @@ DeviceCommands::Outcome DeviceCommands::save_one(const std::string& mac,
     return outcome;
 }
 
-http::Reply DeviceCommands::save(const std::vector<SaveRequest>& requests) {
+Reply DeviceCommands::save(const std::vector<SaveRequest>& requests) {
     std::vector<Outcome> outcomes;
     for (const auto& request : requests) outcomes.push_back(save_one(request.mac, &request));
     return reply(kCommandSaveTidewells, "save_device", outcomes);
 }
 
-http::Reply DeviceCommands::restore(const std::vector<std::string>& macs) {
+Reply DeviceCommands::restore(const std::vector<std::string>& macs) {
     std::vector<Outcome> outcomes;
     for (const auto& mac : macs) outcomes.push_back(save_one(mac, nullptr));
     return reply(kCommandRestoreDevice, "restore_device", outcomes);
 }
 
-http::Reply DeviceCommands::set_time(const std::vector<TimeRequest>& requests) {
+Reply DeviceCommands::set_time(const std::vector<TimeRequest>& requests) {
     std::vector<Outcome> outcomes;
     for (const auto& request : requests) {
         Outcome outcome;
@@ -224,7 +205,7 @@ std::string DeviceCommands::resolve_firmware_file(const std::string& file) {
     return "";
 }
 
-http::Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& requests) {
+Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& requests) {
     if (devices::any_capturing()) {
         LOG_WARNING("Cannot start firmware update, a capture session is running.");
         CommandDocument document;
@@ -238,7 +219,10 @@ http::Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& 
     for (const auto& request : requests) {
         Outcome outcome;
         outcome.mac = request.mac;
-        std::string path = resolve_firmware_file(request.firmware_file);
+        // A path too long for the updater goes to it as it is, so that it says why.
+        const bool too_long = request.firmware_file.size() > devices::MaxFirmwarePathLength;
+        std::string path =
+            too_long ? request.firmware_file : resolve_firmware_file(request.firmware_file);
         if (path.empty()) {
             unusable_input = true;
             outcome.message = "Incorrect input firmware. Failure to update device.";
@@ -260,13 +244,13 @@ http::Reply DeviceCommands::update_firmware(const std::vector<FirmwareRequest>& 
         }
         outcomes.push_back(outcome);
     }
-    http::Reply answer = reply(kCommandFlushFirmware, "flush_tidewell_firmware", outcomes,
-                               outcomes.empty() ? "" : outcomes.front().message);
+    Reply answer = reply(kCommandFlushFirmware, "flush_tidewell_firmware", outcomes,
+                         outcomes.empty() ? "" : outcomes.front().message);
     if (unusable_input) answer.status = 400;
     return answer;
 }
 
-http::Reply DeviceCommands::firmware_status(const std::vector<std::string>& macs) {
+Reply DeviceCommands::firmware_status(const std::vector<std::string>& macs) {
     CommandDocument document;
     document.command = command_name(kCommandFirmwareStatus);
     nlohmann::ordered_json results = nlohmann::ordered_json::array();

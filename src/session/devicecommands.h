@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "common/reply.h"
 #include "devices/tidewellfirmwareupdater.h"
-#include "http/reply.h"
 #include "session/devicerequests.h"
 #include "session/vistrelsession.h"
 
@@ -18,12 +18,12 @@ class DeviceCommands {
   public:
     DeviceCommands(const VistrelSession& session, devices::TidewellFirmwareUpdater& updater);
 
-    http::Reply restart(const std::vector<std::string>& macs);
-    http::Reply save(const std::vector<SaveRequest>& requests);
-    http::Reply restore(const std::vector<std::string>& macs);
-    http::Reply set_time(const std::vector<TimeRequest>& requests);
-    http::Reply update_firmware(const std::vector<FirmwareRequest>& requests);
-    http::Reply firmware_status(const std::vector<std::string>& macs);
+    Reply restart(const std::vector<std::string>& macs);
+    Reply save(const std::vector<SaveRequest>& requests);
+    Reply restore(const std::vector<std::string>& macs);
+    Reply set_time(const std::vector<TimeRequest>& requests);
+    Reply update_firmware(const std::vector<FirmwareRequest>& requests);
+    Reply firmware_status(const std::vector<std::string>& macs);
 
     // The factory settings a restore writes (the firmware image stays as it is).
     static TidewellAPIFeatures default_features(uint16_t hw_firmware_id);
@@ -47,8 +47,8 @@ class DeviceCommands {
     // firmware mode changed.
     Outcome save_one(const std::string& mac, const SaveRequest* request);
     std::string device_name(const devices::StatsThreadInfo& device) const;
-    http::Reply reply(int command, const char* result_type, const std::vector<Outcome>& outcomes,
-                      std::string general_message = "") const;
+    Reply reply(int command, const char* result_type, const std::vector<Outcome>& outcomes,
+                std::string general_message = "") const;
 
     const VistrelSession& session_;
     devices::TidewellFirmwareUpdater& updater_;

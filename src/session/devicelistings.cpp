@@ -49,7 +49,7 @@ std::string devices_list_text(const VistrelSession& session) {
     return "\"devices\":" + document_text(list);
 }
 
-http::Reply tidewells_reply(const VistrelSession& session) {
+Reply tidewells_reply(const VistrelSession& session) {
     nlohmann::ordered_json document;
     document["general_message"] = "Successfully retrieved all tidewell tidewell_devices";
     document["command"] = command_name(kCommandGetTidewells);
@@ -63,7 +63,7 @@ http::Reply tidewells_reply(const VistrelSession& session) {
     return {document_text(document), 200};
 }
 
-http::Reply firmwares_reply(const VistrelSession& session) {
+Reply firmwares_reply(const VistrelSession& session) {
     std::vector<devices::FirmwareImage> images;
     if (!devices::read_firmware_catalogue(host::firmware_catalogue_path(), images)) {
         nlohmann::ordered_json failure;

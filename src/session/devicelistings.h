@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "http/reply.h"
+#include "common/reply.h"
 #include "session/vistrelsession.h"
 
 // The documents that list the attached devices and the firmware offered to them.
@@ -13,9 +13,9 @@ std::string devices_list_text(const VistrelSession& session);
 
 // "/getTidewells": {"general_message":"Successfully retrieved all tidewell tidewell_devices",
 // "command":"get_tidewells","devices":[<details>, ...]}
-http::Reply tidewells_reply(const VistrelSession& session);
+Reply tidewells_reply(const VistrelSession& session);
 
 // "/getTidewellFirmwares": the catalogue and, per device, the images meant for it.
-http::Reply firmwares_reply(const VistrelSession& session);
+Reply firmwares_reply(const VistrelSession& session);
 
 }  // namespace vistrel::session

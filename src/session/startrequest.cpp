@@ -71,9 +71,15 @@ bool read_start_request(const std::string& json_text, bool require_devices, Star
     if (!document.is_object()) return false;
 
     if (const nlohmann::json* devices = find_field(document, "tidewells")) {
-        if (!devices->is_array())
-            throw std::runtime_error("JSON Parsing error: [tidewells] is not an array");
-        for (const auto& element : *devices) request.devices.push_back(read_device(element));
+        // Unlike the other members, a bad device ends the whole document.
+        try {
+            if (!devices->is_array())
+                throw std::runtime_error("JSON Parsing error: [tidewells] is not an array");
+            for (const auto& element : *devices) request.devices.push_back(read_device(element));
+        } catch (const std::exception& error) {
+            LOG_ERROR("Exception parsing tidewells array: %s", error.what());
+            throw;
+        }
     }
     if (const nlohmann::json* analyzer = find_field(document, "analyzer")) {
         request.options.emplace();

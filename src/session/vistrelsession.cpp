@@ -108,8 +108,8 @@ std::vector<DeviceLine> VistrelSession::device_lines(
     return lines;
 }
 
-http::Reply VistrelSession::answer(uint32_t code, int command, uint32_t engine_result,
-                                   const std::vector<DeviceLine>& lines) const {
+Reply VistrelSession::answer(uint32_t code, int command, uint32_t engine_result,
+                             const std::vector<DeviceLine>& lines) const {
     CommandDocument document;
     engine::EngineOptions defaults;
     const engine::EngineOptions& options = options_ ? *options_ : defaults;
@@ -172,7 +172,7 @@ std::string VistrelSession::remembered_name(const devices::MacAddress& mac) cons
     return "";
 }
 
-http::Reply VistrelSession::start_capture(StartRequest request) {
+Reply VistrelSession::start_capture(StartRequest request) {
     std::lock_guard command_lock(command_mutex_);
     LOG_NORMAL("Start capture command received");
     devices_ = std::move(request.devices);
@@ -302,7 +302,7 @@ http::Reply VistrelSession::start_capture(StartRequest request) {
     return answer(kSessionDone, kCommandStart, launched, device_lines(&results));
 }
 
-http::Reply VistrelSession::start_analysis(StartRequest request, const std::string& file_path) {
+Reply VistrelSession::start_analysis(StartRequest request, const std::string& file_path) {
     std::lock_guard command_lock(command_mutex_);
     LOG_NORMAL("Start pcap analysys command received");
     interface_errors_.clear();
@@ -328,7 +328,7 @@ http::Reply VistrelSession::start_analysis(StartRequest request, const std::stri
     return answer(code, kCommandAnalyze, launched, {});
 }
 
-http::Reply VistrelSession::stop_capture(std::optional<StartRequest> request) {
+Reply VistrelSession::stop_capture(std::optional<StartRequest> request) {
     std::lock_guard command_lock(command_mutex_);
     LOG_NORMAL("Stop capture command received");
     interface_errors_.clear();
@@ -378,8 +378,7 @@ http::Reply VistrelSession::stop_capture(std::optional<StartRequest> request) {
         return answer(kSessionInternalProblem, kCommandStop, stopped,
                       device_lines(stopping, &results));
     }
-    http::Reply reply =
-        answer(kSessionDone, kCommandStop, stopped, device_lines(stopping, &results));
+    Reply reply = answer(kSessionDone, kCommandStop, stopped, device_lines(stopping, &results));
     bool was_capture = false;
     {
         std::lock_guard lock(last_mutex_);

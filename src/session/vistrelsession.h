@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "common/reply.h"
 #include "devices/statsthreadinfo.h"
 #include "engine/engineoptions.h"
 #include "engine/watchkeepprocess.h"
 #include "host/interfaces.h"
-#include "http/reply.h"
 #include "session/replies.h"
 #include "session/startrequest.h"
 
@@ -41,11 +41,11 @@ class VistrelSession {
     VistrelSession(const VistrelSession&) = delete;
     VistrelSession& operator=(const VistrelSession&) = delete;
 
-    http::Reply start_capture(StartRequest request);
-    http::Reply start_analysis(StartRequest request, const std::string& file_path);
+    Reply start_capture(StartRequest request);
+    Reply start_analysis(StartRequest request, const std::string& file_path);
     // Stops the named devices, or without a request those of the running capture; then the
     // engine, unless some device still captures.
-    http::Reply stop_capture(std::optional<StartRequest> request = std::nullopt);
+    Reply stop_capture(std::optional<StartRequest> request = std::nullopt);
 
     // 2 GiB free, or 5% of the volume free, under the capture folder.
     static bool is_enough_disk_space();
@@ -63,8 +63,8 @@ class VistrelSession {
     void set_pause_for_tests(std::chrono::milliseconds pause) { pause_ = pause; }
 
   private:
-    http::Reply answer(uint32_t code, int command, uint32_t engine_result,
-                       const std::vector<DeviceLine>& lines) const;
+    Reply answer(uint32_t code, int command, uint32_t engine_result,
+                 const std::vector<DeviceLine>& lines) const;
     std::vector<DeviceLine> device_lines(const std::vector<uint32_t>* results) const;
     static std::vector<DeviceLine> device_lines(const std::vector<devices::StatsThreadInfo>& list,
                                                 const std::vector<uint32_t>* results);

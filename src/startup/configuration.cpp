@@ -54,6 +54,8 @@ void Configuration::reset() {
     loaded_from_file = false;
     captures_ready = false;
     ntp_server = "pool.ntp.org";
+    force_tshark = false;
+    security = SecuritySettings{};
 }
 
 bool Configuration::load_yaml() {
@@ -102,7 +104,9 @@ bool Configuration::load_yaml() {
             logger().set_level(loglevel);
         }
         if (general["ntp_server"]) ntp_server = general["ntp_server"].as<std::string>();
+        if (general["force_tshark"]) force_tshark = general["force_tshark"].as<bool>();
         if (root["database"]) database = host::resolve_path(root["database"].as<std::string>());
+        security.load(root);
     } catch (const YAML::Exception&) {
         std::cout << "[Config Load] Error reading config file at '" << config_file
                   << "', is your config ok?" << std::endl;
@@ -210,6 +214,12 @@ bool Configuration::validate() {
     return true;
 }
 
+std::vector<std::string> Configuration::owned_capture_folders() const {
+    std::vector<std::string> folders{capture_path, analyze_capture_path};
+    folders.insert(folders.end(), security.capture_folders.begin(), security.capture_folders.end());
+    return folders;
+}
+
 int Configuration::write_yaml(const std::string& path) const {
     YAML::Emitter out;
     out << YAML::BeginMap;
@@ -218,6 +228,7 @@ int Configuration::write_yaml(const std::string& path) const {
     out << YAML::Key << "captures" << YAML::Value << captures;
     out << YAML::Key << "loglevel" << YAML::Value << name_from_level(loglevel);
     out << YAML::Key << "ntp_server" << YAML::Value << ntp_server;
+    out << YAML::Key << "force_tshark" << YAML::Value << force_tshark;
     out << YAML::EndMap;
     out << YAML::Key << "server" << YAML::Value << YAML::BeginMap;
     out << YAML::Key << "bindall" << YAML::Value << bindall;

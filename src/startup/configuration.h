@@ -4,8 +4,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "host/interfaces.h"
+#include "startup/securitysettings.h"
 
 namespace vistrel {
 
@@ -30,6 +32,9 @@ struct Configuration {
     bool from_manager = false;  // recorded, never read
     // SNTP server as "host" or "host:port"; YAML general/ntp_server.
     std::string ntp_server = "pool.ntp.org";
+    // Every filtered download through tshark, none through libpcap; YAML general/force_tshark.
+    bool force_tshark = false;
+    SecuritySettings security;
     // The last option argument the command-line parser handled; the invalid-host message
     // shows it instead of the host text.
     std::string last_option_argument;
@@ -44,6 +49,9 @@ struct Configuration {
     bool make_captures_tree();
     // Whether the server may start; corrects the port, "localhost", and missing binding.
     bool validate();
+    // The folders whose files /cleanup may delete: capture and analysis folders and the
+    // configured extra capture folders.
+    std::vector<std::string> owned_capture_folders() const;
     // Writes the effective configuration as YAML; 0 on success.
     int write_yaml(const std::string& path) const;
 };

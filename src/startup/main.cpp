@@ -90,16 +90,18 @@ int main(int argc, char** argv) {
         LOG_NORMAL("Received STOP command");
     } else if (config.mode == "cleanup") {
         int result = run_database_cleanup();
-        vistrel::http::HttpServer::destroy();
+        vistrel::http::HttpServer::discard();
         return result;
     } else {
-        vistrel::http::HttpServer::destroy();
+        vistrel::http::HttpServer::discard();
         return 1;
     }
 
+    // Like the clean-up and an unknown mode, a library that does not start ends the process
+    // without the shut-down steps: none of what they end is running.
     if (vistrel::devices::initialise() != 0) {
         LOG_ERROR("Failed to initialize Tidewell API");
-        vistrel::http::HttpServer::destroy();
+        vistrel::http::HttpServer::discard();
         return -1;
     }
 

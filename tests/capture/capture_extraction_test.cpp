@@ -15,8 +15,8 @@
 namespace vistrel::capture {
 namespace {
 
-using database::CaptureFileRecord;
-using database::CaptureQuery;
+using capture::CaptureFileRecord;
+using capture::CaptureQuery;
 using testing::PcapBuilder;
 using testing::PcapngBuilder;
 using testing::TempDir;
@@ -173,6 +173,24 @@ TEST_F(ExtractionTest, DirectStreamIsTheHeaderThenEveryFileInIndexOrder) {
     EXPECT_NE(log().find("Successfully extracted files - Sending to FE"), std::string::npos);
 }
 
+TEST_F(ExtractionTest, MissingFilesAreExplainedOnceAndCounted) {
+    std::list<CaptureFileRecord> files = three_files();
+    for (int i = 0; i < 1000; ++i) {
+        CaptureFileRecord gone;
+        gone.file_path = dir_.file("gone-" + std::to_string(i) + ".pcapng");
+        files.push_back(gone);
+    }
+    const std::string before = log();
+    Extraction extraction = prepare_extraction({}, files);
+    ASSERT_TRUE(extraction.job);
+    const std::string added = log().substr(before.size());
+    EXPECT_NE(added.find("Unable to open file [" + dir_.file("gone-0.pcapng") +
+                         "] with erc: No such file or directory"),
+              std::string::npos);
+    EXPECT_EQ(added.find("gone-1.pcapng"), std::string::npos);
+    EXPECT_NE(added.find("999 more files could not be read"), std::string::npos);
+}
+
 TEST_F(ExtractionTest, RangeWithoutPacketsAnswersTheExtractErrorPageWithoutTshark) {
     const auto files = three_files();
     CaptureQuery query;
@@ -188,25 +206,17 @@ TEST_F(ExtractionTest, RangeWithoutPacketsAnswersTheExtractErrorPageWithoutTshar
     EXPECT_EQ(capture.text().find("Starting TShark"), std::string::npos);
 }
 
-TEST_F(ExtractionTest, FilteredStreamHoldsOnlyTheMatchingPacketsOfTheRange) {
+// The filter through tshark, whatever libpcap could do, and with `pipe` in its place.
+ExtractionOptions through_tshark(std::unique_ptr<TsharkPipe> pipe = nullptr) {
+    return {"chosen by the test", std::move(pipe)};
+}
+
+TEST_F(ExtractionTest, FilteredStreamHoldsOnlyTheMatchingPacketsOfTheRangeOnEitherPath) {
     const auto files = three_files();
     CaptureQuery query;
     query.start = kBase + 3 * kSecond;
     query.end = kBase + 24 * kSecond + 7;  // exclusive for the display filter
     query.display_filter = "udp.dstport==53";
-    ConsoleCapture capture;
-    Extraction extraction = prepare_extraction(query, files);
-    ASSERT_TRUE(extraction.job);
-    ASSERT_TRUE(extraction.job->filtered());
-    int64_t end = 0;
-    const std::string bytes = drain(*extraction.job, 102400, end);
-    EXPECT_EQ(end, kEndOfStream);
-    EXPECT_EQ(extraction.job->status(), 200);
-    EXPECT_NE(capture.text().find("Starting TShark with : /usr/bin/tshark -r - -w - -Y\""),
-              std::string::npos);
-
-    const std::string path = dir_.file("filtered.pcapng");
-    write_file(path, bytes);
     // Even packets carry port 53: 4, 6, ..., 22 (24 is stamped exactly at the end).
     std::string wanted;
     for (uint64_t i = 4; i <= 22; i += 2) {
@@ -217,43 +227,127 @@ TEST_F(ExtractionTest, FilteredStreamHoldsOnlyTheMatchingPacketsOfTheRange) {
                                         : 0)) +
                   "\n";
     }
-    EXPECT_EQ(testing::run_command("tshark -r " + path +
-                                   " -T fields -e udp.dstport -e frame.time_epoch 2>/dev/null"),
-              wanted);
+    std::string fast_bytes;
+    for (bool tshark : {true, false}) {
+        ConsoleCapture capture;
+        Extraction extraction =
+            prepare_extraction(query, files, tshark ? through_tshark() : ExtractionOptions{});
+        ASSERT_TRUE(extraction.job);
+        EXPECT_EQ(extraction.job->filtered(), tshark);
+        int64_t end = 0;
+        const std::string bytes = drain(*extraction.job, tshark ? 102400 : 1000, end);
+        EXPECT_EQ(end, kEndOfStream);
+        EXPECT_EQ(extraction.job->status(), 200);
+        EXPECT_EQ(capture.text().find("Starting TShark with : /usr/bin/tshark -r - -w - -Y\"") !=
+                      std::string::npos,
+                  tshark);
+        const std::string path = dir_.file(tshark ? "tshark.pcapng" : "bpf.pcapng");
+        write_file(path, bytes);
+        EXPECT_EQ(testing::run_command("tshark -r " + path +
+                                       " -T fields -e udp.dstport -e frame.time_epoch 2>/dev/null"),
+                  wanted);
+        if (!tshark) fast_bytes = bytes;
+    }
+    // The fast path's stream is the direct path's: the same header and untouched EPBs.
+    std::string expected = testing::extract_header();
+    for (const auto& [stamp, epb] : expected_) {
+        const uint64_t i = (stamp - kBase) / kSecond;
+        if (stamp >= query.start && stamp < query.end && i % 2 == 0) expected += epb;
+    }
+    EXPECT_TRUE(fast_bytes == expected);
+    EXPECT_NE(log().find("Filtering with tshark: chosen by the test"), std::string::npos);
+    EXPECT_NE(log().find("Filtering with BPF, without tshark: '(udp and ((ip[9] = 17 and "
+                         "(udp[2:2]) = 53) or (ip6[6] = 17 and (ip6[42:2]) = 53)))'"),
+              std::string::npos);
 }
 
 TEST_F(ExtractionTest, FilterProgramThatCannotStartAnswersAnErrorPage) {
     CaptureQuery query;
     query.display_filter = "udp";
     ConsoleCapture capture;
-    Extraction extraction =
-        prepare_extraction(query, three_files(), std::make_unique<TsharkPipe>(dir_.file("none")));
+    Extraction extraction = prepare_extraction(
+        query, three_files(), through_tshark(std::make_unique<TsharkPipe>(dir_.file("none"))));
     EXPECT_FALSE(extraction.job);
     EXPECT_EQ(extraction.error_title, "Error Extracting Capture File");
     EXPECT_NE(capture.text().find("Failed to start TShark process"), std::string::npos);
 }
 
-TEST_F(ExtractionTest, AbandonedFilteredDownloadStopsItsFeeder) {
+// Stand-ins for tshark, given the test's arguments (-r - -w - -Y filter).
+class FilterProgramTest : public ExtractionTest {
+  protected:
+    std::string program(const std::string& name, const std::string& script) {
+        const std::string path = dir_.file(name);
+        write_file(path, "#!/bin/sh\n" + script + "\n");
+        ::chmod(path.c_str(), 0755);
+        return path;
+    }
+
+    // About `count` KiB of packets in one file.
+    std::list<CaptureFileRecord> packets(uint64_t count) {
+        PcapngBuilder file;
+        file.section().interface(9);
+        for (uint64_t i = 0; i < count; ++i)
+            file.packet(0, kBase + i, udp_frame(1000, "10.0.0.1", "10.0.0.2", 1, 2));
+        return {record("packets.pcapng", file.bytes())};
+    }
+
+    void wait_for_feeder() {
+        for (int i = 0; i < 5000 && log().find("Data sent in") == std::string::npos; ++i) {
+            ::usleep(1000);
+        }
+    }
+
+    CaptureQuery query_ = [] {
+        CaptureQuery query;
+        query.display_filter = "udp";
+        return query;
+    }();
+};
+
+TEST_F(FilterProgramTest, OutputLeftInThePipeAfterTheFilterExitedIsStillDelivered) {
+    // `cat` passes everything through and exits at the end of its input, long before this
+    // reader starts: what it wrote must all arrive.
+    ConsoleCapture capture;
+    const auto files = packets(300);
+    Extraction extraction = prepare_extraction(
+        query_, files, through_tshark(std::make_unique<TsharkPipe>(program("cat.sh", "exec cat"))));
+    ASSERT_TRUE(extraction.job);
+    wait_for_feeder();
+    int64_t end = 0;
+    const std::string bytes = drain(*extraction.job, 102400, end);
+    EXPECT_EQ(end, kEndOfStream);
+    CaptureQuery everything;
+    Extraction direct = prepare_extraction(everything, files);
+    int64_t direct_end = 0;
+    EXPECT_TRUE(bytes == drain(*direct.job, 102400, direct_end));
+}
+
+TEST_F(FilterProgramTest, FilterThatFailsHalfWayEndsTheStreamWithAnErrorThatIsLogged) {
+    ConsoleCapture capture;
+    Extraction extraction = prepare_extraction(
+        query_, packets(100),
+        through_tshark(std::make_unique<TsharkPipe>(program("fail.sh", "head -c 5000; exit 3"))));
+    ASSERT_TRUE(extraction.job);
+    int64_t end = 0;
+    EXPECT_EQ(drain(*extraction.job, 102400, end).size(), 5000u);
+    EXPECT_EQ(end, kEndWithError);
+    EXPECT_NE(log().find("Filtered download cut short"), std::string::npos);
+}
+
+TEST_F(FilterProgramTest, AbandonedFilteredDownloadStopsItsFeeder) {
     // A filter program that never reads: the feeder fills the pipe and waits without
     // blocking; dropping the job (the client went away) must end it rather than hang.
-    const std::string stuck = dir_.file("stuck.sh");
-    write_file(stuck, "#!/bin/sh\nexec sleep 60\n");
-    ::chmod(stuck.c_str(), 0755);
-    PcapngBuilder big;
-    big.section().interface(9);
-    for (uint64_t i = 0; i < 2000; ++i)
-        big.packet(0, kBase + i, udp_frame(1400, "10.0.0.1", "10.0.0.2", 1, 2));
-    CaptureQuery query;
-    query.display_filter = "udp";
     ConsoleCapture capture;
-    Extraction extraction = prepare_extraction(query, {record("big.pcapng", big.bytes())},
-                                               std::make_unique<TsharkPipe>(stuck));
+    Extraction extraction = prepare_extraction(
+        query_, packets(2000),
+        through_tshark(std::make_unique<TsharkPipe>(program("stuck.sh", "exec sleep 60"))));
     ASSERT_TRUE(extraction.job);
     extraction.job.reset();
 }
 
-TEST_F(ExtractionTest, FilterThatTsharkRefusesEndsTheStream) {
-    // An empty term left by an unusable dashboard rule: tshark exits at once.
+TEST_F(ExtractionTest, FilterThatTsharkRefusesEndsTheStreamWithAnError) {
+    // An empty term left by an unusable dashboard rule: libpcap has no say, tshark exits at
+    // once.
     CaptureQuery query;
     query.display_filter = "(())";
     ConsoleCapture capture;
@@ -261,7 +355,9 @@ TEST_F(ExtractionTest, FilterThatTsharkRefusesEndsTheStream) {
     ASSERT_TRUE(extraction.job);
     int64_t end = 0;
     EXPECT_EQ(drain(*extraction.job, 102400, end), "");
-    EXPECT_LT(end, 0);
+    EXPECT_EQ(end, kEndWithError);
+    EXPECT_NE(log().find("Filtering with tshark: "), std::string::npos);
+    EXPECT_NE(log().find("Filtered download cut short"), std::string::npos);
 }
 
 }  // namespace

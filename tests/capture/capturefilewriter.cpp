@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "capture/pcapngblocks.h"
 
@@ -80,6 +81,27 @@ std::string expected_epb(uint32_t interface_id, uint64_t timestamp, const std::s
 
 std::string extract_header() {
     return PcapngBuilder().section().interface(9).interface(9).bytes();
+}
+
+PacketList pcapng_packets(const std::string& stream) {
+    PacketList packets;
+    for (size_t at = 0; at + 12 <= stream.size();) {
+        uint32_t type, length;
+        std::memcpy(&type, stream.data() + at, 4);
+        std::memcpy(&length, stream.data() + at + 4, 4);
+        if (length < 12 || at + length > stream.size()) {
+            break;
+        }
+        if (type == 6) {
+            uint32_t high, low, captured;
+            std::memcpy(&high, stream.data() + at + 12, 4);
+            std::memcpy(&low, stream.data() + at + 16, 4);
+            std::memcpy(&captured, stream.data() + at + 20, 4);
+            packets.emplace_back(uint64_t{high} << 32 | low, stream.substr(at + 28, captured));
+        }
+        at += length;
+    }
+    return packets;
 }
 
 std::string run_command(const std::string& command) {

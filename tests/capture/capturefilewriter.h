@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 // Small capture files made by the tests themselves, byte by byte, including broken ones.
 namespace vistrel::testing {
@@ -52,6 +54,11 @@ std::string expected_epb(uint32_t interface_id, uint64_t timestamp, const std::s
 
 // The 92-byte header every extract begins with.
 std::string extract_header();
+
+// A pcapng stream's packets (timestamp, bytes) in stream order, for streams whose interfaces
+// count nanoseconds (the server's and tshark's copies of them).
+using PacketList = std::vector<std::pair<uint64_t, std::string>>;
+PacketList pcapng_packets(const std::string& stream);
 
 // Standard output of a shell command (Wireshark's tools).
 std::string run_command(const std::string& command);

@@ -1,3 +1,5 @@
+#include <sqlite3.h>
+
 #include <tuple>
 #include <vector>
 
@@ -24,16 +26,19 @@ CaptureQuery make_query(uint64_t start, uint64_t end, std::string es_index = "",
     return query;
 }
 
-TEST(CaptureWhereTextTest, RangeIndexAndSourcesAreJoinedAndOrdered) {
-    EXPECT_EQ(capture_where_text(make_query(100, 200)),
-              "( start_ts BETWEEN 100 AND 200 OR end_ts BETWEEN 100 AND 200 ) ORDER BY start_ts "
-              "ASC");
-    EXPECT_EQ(capture_where_text(make_query(100, 0, "idx", {"a", "b"})),
-              "end_ts >= 100 AND es_index = 'idx' AND source IN ('a','b') ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where_text(make_query(0, 200)), "start_ts < 200 ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where_text(make_query(0, 0, "", {"a", "", "b"})),
-              "source IN ('a',,'b') ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where_text(make_query(0, 0)), "");
+TEST(CaptureWhereTest, RangeIndexAndSourcesAreJoinedOrderedAndBound) {
+    BoundStatement both = capture_where(make_query(100, 200));
+    EXPECT_EQ(both.text,
+              "( start_ts BETWEEN ? AND ? OR end_ts BETWEEN ? AND ? ) ORDER BY start_ts ASC");
+    EXPECT_EQ(both.values,
+              (std::vector<SqlValue>{int64_t{100}, int64_t{200}, int64_t{100}, int64_t{200}}));
+    BoundStatement all = capture_where(make_query(100, 0, "idx", {"a", "b"}));
+    EXPECT_EQ(all.text, "end_ts >= ? AND es_index = ? AND source IN (?,?) ORDER BY start_ts ASC");
+    EXPECT_EQ(all.values, (std::vector<SqlValue>{int64_t{100}, "idx", "a", "b"}));
+    EXPECT_EQ(capture_where(make_query(0, 200)).text, "start_ts < ? ORDER BY start_ts ASC");
+    EXPECT_EQ(capture_where(make_query(0, 0, "", {"a", "", "b"})).text,
+              "source IN (?,,?) ORDER BY start_ts ASC");
+    EXPECT_TRUE(capture_where(make_query(0, 0)).empty());
 }
 
 class CaptureIndexTest : public DatabaseFixture {
@@ -103,6 +108,55 @@ TEST_F(CaptureIndexTest, IndexAndSourcesRestrictTheSelection) {
     EXPECT_EQ(occurrences(log_text(), "Unable to select values from table TidewellCapture"), 1u);
 }
 
+TEST_F(CaptureIndexTest, QuotesAndSqlInTextsAreStoredAndFound) {
+    const std::string path = "/c/it's a file'; DELETE FROM TidewellCapture; --";
+    const std::string index = "x' OR '1'='1";
+    ASSERT_EQ(add_capture_file(capture_record("/c/other", 10, 20)), kSuccess);
+    ASSERT_EQ(add_capture_file(capture_record(path, 10, 20, "o'brien", index)), kSuccess);
+    EXPECT_EQ(rows(kCaptureTable), 2);
+    EXPECT_EQ(paths(select_capture_files(make_query(0, 0, index))),
+              (std::vector<std::string>{path}));
+    EXPECT_EQ(paths(select_capture_files(make_query(0, 0, "", {"o'brien"}))),
+              (std::vector<std::string>{path}));
+    EXPECT_EQ(remove_capture_file(path), kSuccess);
+    EXPECT_EQ(paths(select_capture_files({})), (std::vector<std::string>{"/c/other"}));
+}
+
+// The plan SQLite chooses for each kind of selection: no scan of the whole index.
+TEST_F(CaptureIndexTest, SelectionsAndDeletionUseTheIndices) {
+    auto plan = [this](const BoundStatement& where) {
+        std::string text = "EXPLAIN QUERY PLAN SELECT * FROM 'TidewellCapture' WHERE " + where.text;
+        for (const SqlValue& value : where.values) {
+            size_t at = text.find('?');
+            text.replace(at, 1,
+                         std::holds_alternative<int64_t>(value)
+                             ? std::to_string(std::get<int64_t>(value))
+                             : "'" + std::get<std::string>(value) + "'");
+        }
+        std::string steps;
+        sqlite3* handle = nullptr;
+        sqlite3_open(database_path.c_str(), &handle);
+        sqlite3_exec(
+            handle, text.c_str(),
+            [](void* context, int columns, char** values, char**) {
+                *static_cast<std::string*>(context) += std::string(values[columns - 1]) + "\n";
+                return 0;
+            },
+            &steps, nullptr);
+        sqlite3_close(handle);
+        return steps;
+    };
+    for (const CaptureQuery& selection :
+         {make_query(100, 200), make_query(100, 0), make_query(0, 200), make_query(0, 0, "idx"),
+          make_query(0, 0, "", {"a", "b"})}) {
+        std::string steps = plan(capture_where(selection));
+        EXPECT_NE(steps.find("USING INDEX TidewellCapture_"), std::string::npos) << steps;
+        EXPECT_EQ(steps.find("SCAN TidewellCapture\n"), std::string::npos) << steps;
+    }
+    std::string by_path = plan({"file_path = ?", {"/c/a"}});
+    EXPECT_NE(by_path.find("USING INDEX TidewellCapture_file_path"), std::string::npos) << by_path;
+}
+
 TEST_F(CaptureIndexTest, RemoveDeletesEveryRowOfThatPathOnly) {
     ASSERT_EQ(add_capture_file(capture_record("/c/a", 1, 2)), kSuccess);
     ASSERT_EQ(add_capture_file(capture_record("/c/a", 3, 4)), kSuccess);
@@ -115,7 +169,7 @@ TEST_F(CaptureIndexTest, RemoveDeletesEveryRowOfThatPathOnly) {
 
 TEST_F(CaptureIndexTest, SessionsAreSavedByUuidAndReadBackAsNone) {
     EXPECT_EQ(session_values("u-1", 1, 3, 10, 20, "Europe/Rome"),
-              "'u-1', '1', '3', 10, 20, 'Europe/Rome'");
+              (std::vector<SqlValue>{"u-1", "1", "3", int64_t{10}, int64_t{20}, "Europe/Rome"}));
     EXPECT_EQ(save_session("u-1", 1, 3, 10, 20, "UTC"), kSuccess);
     EXPECT_EQ(save_session("u-1", 0, 3, 10, 30, "UTC"), kSuccess);
     EXPECT_EQ(rows(kSessionTable), 1);
@@ -134,9 +188,8 @@ TEST_F(CaptureIndexTest, SessionsAreSavedByUuidAndReadBackAsNone) {
 }
 
 TEST_F(CaptureIndexTest, UserIsReadById) {
-    EXPECT_EQ(user_where_text(4), "id = '4'");
     ASSERT_EQ(VistrelDatabase().insert(kUserTable, "id, name, permissions, last_seen",
-                                       "4, 'ann', 'rw', 1573430400123456789"),
+                                       {int64_t{4}, "ann", "rw", int64_t{1573430400123456789}}),
               kSuccess);
     std::list<UserRecord> users = read_user(4);
     ASSERT_EQ(users.size(), 1u);

@@ -12,10 +12,10 @@
 
 namespace vistrel::testing {
 
-inline database::CaptureFileRecord capture_record(const std::string& path, uint64_t start,
-                                                  uint64_t end, const std::string& source = "dev1",
-                                                  const std::string& es_index = "idx") {
-    database::CaptureFileRecord record;
+inline capture::CaptureFileRecord capture_record(const std::string& path, uint64_t start,
+                                                 uint64_t end, const std::string& source = "dev1",
+                                                 const std::string& es_index = "idx") {
+    capture::CaptureFileRecord record;
     record.file_path = path;
     record.source = source;
     record.es_index = es_index;

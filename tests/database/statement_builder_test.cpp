@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "database/boundstatement.h"
 #include "database/database_fixture.h"
 #include "database/resultcodes.h"
 #include "database/statements.h"
@@ -13,17 +14,21 @@ namespace {
 
 using testing::DatabaseFixture;
 
-TEST(StatementTextTest, BuildersQuoteTheTableAndInsertTheRestVerbatim) {
+TEST(StatementTextTest, BuildersQuoteTheTableAndBindEveryValue) {
     EXPECT_EQ(create_table_statement("T", "id INTEGER, name TEXT"),
               "CREATE TABLE IF NOT EXISTS 'T' (id INTEGER, name TEXT)");
-    EXPECT_EQ(insert_statement("T", "a, b", "'x', 1"), "INSERT INTO 'T' (a, b) VALUES ('x', 1);");
-    EXPECT_EQ(insert_or_replace_statement("T", "a, b", "'x', 1"),
-              "INSERT OR REPLACE INTO 'T' (a, b) VALUES ('x', 1);");
-    EXPECT_EQ(select_statement("T", "a, b", "a = 'x'"), "SELECT a, b FROM 'T' WHERE a = 'x';");
-    EXPECT_EQ(delete_statement("T", "a = 'x'"), "DELETE FROM 'T' WHERE a = 'x';");
+    BoundStatement insert = insert_statement("T", "a, b", {"x", int64_t{1}});
+    EXPECT_EQ(insert.text, "INSERT INTO 'T' (a, b) VALUES (?, ?);");
+    EXPECT_EQ(insert.values, (std::vector<SqlValue>{"x", int64_t{1}}));
+    EXPECT_EQ(insert_or_replace_statement("T", "a", {"x"}).text,
+              "INSERT OR REPLACE INTO 'T' (a) VALUES (?);");
+    BoundStatement select = select_statement("T", "a, b", {"a = ?", {"x"}});
+    EXPECT_EQ(select.text, "SELECT a, b FROM 'T' WHERE a = ?;");
+    EXPECT_EQ(select.values, (std::vector<SqlValue>{"x"}));
+    EXPECT_EQ(delete_statement("T", {"a = ?", {"x"}}).text, "DELETE FROM 'T' WHERE a = ?;");
     // An empty where text emits no WHERE.
-    EXPECT_EQ(select_statement("T", "count(*)", ""), "SELECT count(*) FROM 'T';");
-    EXPECT_EQ(delete_statement("T", ""), "DELETE FROM 'T';");
+    EXPECT_EQ(select_statement("T", "count(*)", {}).text, "SELECT count(*) FROM 'T';");
+    EXPECT_EQ(delete_statement("T", {}).text, "DELETE FROM 'T';");
 }
 
 class VistrelDatabaseTest : public DatabaseFixture {};
@@ -31,10 +36,10 @@ class VistrelDatabaseTest : public DatabaseFixture {};
 TEST_F(VistrelDatabaseTest, EmptyArgumentsAreRefusedWithoutRunningSql) {
     VistrelDatabase database;
     EXPECT_EQ(database.create_table("", "a TEXT"), kCreateTableRefused);
-    EXPECT_EQ(database.select("", "a", "", nullptr, nullptr), kSelectFailed);
-    EXPECT_EQ(database.insert("", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.insert_or_replace("", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.remove("", ""), kDeleteFailed);
+    EXPECT_EQ(database.select("", "a", {}, nullptr, nullptr), kSelectFailed);
+    EXPECT_EQ(database.insert("", "a", {int64_t{1}}), kInsertFailed);
+    EXPECT_EQ(database.insert_or_replace("", "a", {int64_t{1}}), kInsertFailed);
+    EXPECT_EQ(database.remove("", {}), kDeleteFailed);
     EXPECT_EQ(database.flush_by_file_path(""), kDeleteFailed);
     std::string log = log_text();
     EXPECT_EQ(occurrences(log, "SQL command"), 0u);
@@ -77,8 +82,8 @@ TEST_F(VistrelDatabaseTest, SecondStartKeepsTheRowsAndLogsTheirCount) {
     {
         VistrelDatabase database;
         ASSERT_EQ(database.create_schema(), kSuccess);
-        ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
-        ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'b'"), kSuccess);
+        ASSERT_EQ(database.insert(kCaptureTable, "file_path", {"a"}), kSuccess);
+        ASSERT_EQ(database.insert(kCaptureTable, "file_path", {"b"}), kSuccess);
     }
     VistrelDatabase database;
     EXPECT_EQ(database.create_schema(), kSuccess);
@@ -89,9 +94,9 @@ TEST_F(VistrelDatabaseTest, SecondStartKeepsTheRowsAndLogsTheirCount) {
 
 TEST_F(VistrelDatabaseTest, RejectedStatementIsTriedTenTimesThenReported) {
     VistrelDatabase database;
-    EXPECT_EQ(database.insert("Missing", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.insert_or_replace("Missing", "a", "1"), kInsertFailed);
-    EXPECT_EQ(database.remove("Missing", "a = 1"), kDeleteFailed);
+    EXPECT_EQ(database.insert("Missing", "a", {int64_t{1}}), kInsertFailed);
+    EXPECT_EQ(database.insert_or_replace("Missing", "a", {int64_t{1}}), kInsertFailed);
+    EXPECT_EQ(database.remove("Missing", {"a = ?", {int64_t{1}}}), kDeleteFailed);
     std::string log = log_text();
     EXPECT_EQ(occurrences(log, "SQL command: INSERT INTO 'Missing' (a) VALUES (1);"), 10u);
     EXPECT_EQ(occurrences(log, "SQL command: INSERT OR REPLACE INTO 'Missing' (a) VALUES (1);"),
@@ -102,6 +107,39 @@ TEST_F(VistrelDatabaseTest, RejectedStatementIsTriedTenTimesThenReported) {
     EXPECT_EQ(occurrences(log, "Unable to insert or replace values into table Missing"), 1u);
     // The delete reports with the select message.
     EXPECT_EQ(occurrences(log, "Unable to select values from table Missing"), 1u);
+}
+
+TEST_F(VistrelDatabaseTest, OnlyTheKindsOfStatementTheServerIssuesRun) {
+    VistrelDatabase database;
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", {"a"}), kSuccess);
+    const std::string attached = dir.file("attached.db");
+    for (const std::string& statement :
+         {"ATTACH DATABASE '" + attached + "' AS other",
+          std::string("DROP TABLE 'TidewellCapture'"), std::string("PRAGMA writable_schema = ON"),
+          std::string("CREATE VIEW v AS SELECT * FROM 'TidewellCapture'"),
+          std::string("SELECT load_extension('x')"),
+          std::string("SELECT 1; DELETE FROM 'TidewellCapture';")}) {
+        EXPECT_EQ(database.execute(statement), kStatementRejected) << statement;
+    }
+    EXPECT_FALSE(std::filesystem::exists(attached));
+    EXPECT_EQ(rows(kCaptureTable), 1);
+    EXPECT_EQ(occurrences(log_text(), "SQL error: not authorized"), 5u);
+    EXPECT_EQ(occurrences(log_text(), "SQL error: only one statement per call"), 1u);
+}
+
+TEST_F(VistrelDatabaseTest, ValuesAreStoredAsGivenWhateverTheyHold) {
+    VistrelDatabase database;
+    ASSERT_EQ(database.create_schema(), kSuccess);
+    const std::string hostile = "x'); DELETE FROM 'TidewellCapture'; --";
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", {"a"}), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", {hostile}), kSuccess);
+    EXPECT_EQ(rows(kCaptureTable), 2);
+    EXPECT_EQ(query("SELECT file_path FROM TidewellCapture WHERE id = 2;"), hostile);
+    // A failing statement is logged with its values written in as SQL literals.
+    EXPECT_EQ(database.insert("Missing", "a", {"it's"}), kInsertFailed);
+    EXPECT_EQ(occurrences(log_text(), "SQL command: INSERT INTO 'Missing' (a) VALUES ('it''s');"),
+              10u);
 }
 
 TEST_F(VistrelDatabaseTest, CreateTableIsNotRetried) {
@@ -131,7 +169,7 @@ class HeldWriteLockTest : public DatabaseFixture {
 
 TEST_F(HeldWriteLockTest, InsertThatCannotWaitIsRetriedTenTimesAndLogged) {
     VistrelDatabase impatient(database_path, 0);
-    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
+    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", {"a"}), kInsertFailed);
     std::string log = log_text();
     EXPECT_EQ(occurrences(log,
                           "SQL command: INSERT INTO 'TidewellCapture' (file_path) VALUES "
@@ -141,7 +179,7 @@ TEST_F(HeldWriteLockTest, InsertThatCannotWaitIsRetriedTenTimesAndLogged) {
     EXPECT_EQ(occurrences(log, "Unable to insert values into table TidewellCapture"), 1u);
 
     release();
-    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
+    EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", {"a"}), kSuccess);
     EXPECT_EQ(rows(kCaptureTable), 1);
 }
 
@@ -152,7 +190,7 @@ TEST_F(HeldWriteLockTest, InsertWaitsForTheLockInsteadOfFailing) {
         release();
     });
     VistrelDatabase database;
-    EXPECT_EQ(database.insert(kCaptureTable, "file_path", "'a'"), kSuccess);
+    EXPECT_EQ(database.insert(kCaptureTable, "file_path", {"a"}), kSuccess);
     releaser.join();
     EXPECT_EQ(occurrences(log_text(), "SQL error"), 0u);
     EXPECT_EQ(rows(kCaptureTable), 1);
@@ -161,12 +199,13 @@ TEST_F(HeldWriteLockTest, InsertWaitsForTheLockInsteadOfFailing) {
 TEST_F(VistrelDatabaseTest, FlushAllEmptiesEveryTableButAnalyzedTrace) {
     VistrelDatabase database;
     ASSERT_EQ(database.create_schema(), kSuccess);
-    ASSERT_EQ(database.insert(kUserTable, "name", "'u'"), kSuccess);
-    ASSERT_EQ(database.insert(kInterfaceTable, "mac, name", "'m', 'n'"), kSuccess);
-    ASSERT_EQ(database.insert(kSessionTable, "uuid, user", "'s', 1"), kSuccess);
-    ASSERT_EQ(database.insert(kSessionInterfacesTable, "session, interface", "'s', 'm'"), kSuccess);
-    ASSERT_EQ(database.insert(kCaptureTable, "file_path", "'f'"), kSuccess);
-    ASSERT_EQ(database.insert(kAnalyzedTraceTable, "user, name, path", "1, 'n', 'p'"), kSuccess);
+    ASSERT_EQ(database.insert(kUserTable, "name", {"u"}), kSuccess);
+    ASSERT_EQ(database.insert(kInterfaceTable, "mac, name", {"m", "n"}), kSuccess);
+    ASSERT_EQ(database.insert(kSessionTable, "uuid, user", {"s", int64_t{1}}), kSuccess);
+    ASSERT_EQ(database.insert(kSessionInterfacesTable, "session, interface", {"s", "m"}), kSuccess);
+    ASSERT_EQ(database.insert(kCaptureTable, "file_path", {"f"}), kSuccess);
+    ASSERT_EQ(database.insert(kAnalyzedTraceTable, "user, name, path", {int64_t{1}, "n", "p"}),
+              kSuccess);
 
     // As in the cleanup mode: a connection of its own, without the schema's pragmas.
     EXPECT_EQ(VistrelDatabase().flush_all(), kSuccess);
@@ -192,7 +231,7 @@ TEST_F(VistrelDatabaseTest, UnopenablePathFallsBackToTheWorkingDirectory) {
         VistrelDatabase broken("/no/such/folder/folder.db");
         EXPECT_FALSE(broken.is_open());
         EXPECT_EQ(broken.create_schema(), kSchemaFailed);
-        EXPECT_EQ(broken.insert(kCaptureTable, "file_path", "'a'"), kInsertFailed);
+        EXPECT_EQ(broken.insert(kCaptureTable, "file_path", {"a"}), kInsertFailed);
     }
     std::filesystem::current_path(previous);
     std::string log = log_text();

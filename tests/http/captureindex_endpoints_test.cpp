@@ -30,6 +30,13 @@ class CaptureIndexEndpointsTest : public DatabaseFixture {
     void SetUp() override {
         DatabaseFixture::SetUp();
         ASSERT_EQ(database::VistrelDatabase().create_schema(), database::kSuccess);
+        // The test's folder is the capture folder the server owns.
+        configuration().capture_path = dir.path();
+    }
+    void TearDown() override {
+        configuration().capture_path.clear();
+        configuration().security.capture_folders.clear();
+        DatabaseFixture::TearDown();
     }
 
     // A capture file on disk, registered in the index.
@@ -106,9 +113,6 @@ TEST_F(CaptureIndexEndpointsTest, AddFileRefusesMissingFieldsAndBadNumbers) {
 }
 
 TEST_F(CaptureIndexEndpointsTest, AddFileThatCannotBeStoredIsAnsweredAndLogged) {
-    EXPECT_EQ(add_file({{"file_path", "/caps/it's.pcapng"}}).status, 200);
-    EXPECT_EQ(occurrences(log_text(), "Unable to insert values into table TidewellCapture"), 1u);
-
     // Present but empty: an invalid record, which the index refuses without SQL.
     EXPECT_EQ(add_file({{"source", ""}}).status, 200);
     EXPECT_EQ(occurrences(log_text(),
@@ -205,6 +209,48 @@ TEST_F(CaptureIndexEndpointsTest, CleanupCountsFilesAlreadyGoneAsErrors) {
     EXPECT_EQ(rows(database::kCaptureTable), 0);
 }
 
+TEST_F(CaptureIndexEndpointsTest, CleanupDeletesOnlyBelowTheFoldersTheServerOwns) {
+    testing::TempDir outside;
+    testing::TempDir kept;
+    const std::string victim = outside.file("victim.pcapng");
+    testing::write_file(victim, "keep me");
+    std::filesystem::create_symlink(victim, dir.file("link.pcapng"));
+    std::filesystem::create_symlink(outside.path(), dir.file("linked-folder"));
+    const std::vector<std::string> escapes = {
+        victim, dir.file("link.pcapng"), dir.file("linked-folder/victim.pcapng"),
+        dir.path() + "/../" + std::filesystem::path(outside.path()).filename().string() +
+            "/victim.pcapng"};
+    for (const std::string& path : escapes) {
+        ASSERT_EQ(database::add_capture_file(testing::capture_record(path, 100, 200)),
+                  database::kSuccess);
+    }
+    std::string inside = capture("inside.pcapng", 100, 200);
+    // A folder named in the configuration is owned too.
+    configuration().security.capture_folders = {kept.path()};
+    const std::string elsewhere = kept.file("elsewhere.pcapng");
+    testing::write_file(elsewhere, "pcapng");
+    ASSERT_EQ(database::add_capture_file(testing::capture_record(elsewhere, 100, 200)),
+              database::kSuccess);
+
+    Reply reply = handle_cleanup(arguments({{"filesystem", "true"}}));
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.text,
+              "Successfully deleted 2 files. Found 4 errors on file deletion. Are some files "
+              "opened or not available?");
+    EXPECT_EQ(testing::read_file(victim), "keep me");
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.pcapng")));
+    EXPECT_FALSE(std::filesystem::exists(inside));
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
+    // The rows of the refused files go, as for any file that cannot be deleted.
+    EXPECT_EQ(rows(database::kCaptureTable), 0);
+    for (const std::string& path : escapes) {
+        EXPECT_EQ(occurrences(log_text(), "Removing file " + path +
+                                              " refused: it lies outside the capture folders"),
+                  1u)
+            << path;
+    }
+}
+
 TEST_F(CaptureIndexEndpointsTest, CleanupElasticsearchPicksTheRequestFromItsArguments) {
     ElasticsearchStandIn search;
     const std::string es = search.address();
@@ -238,6 +284,14 @@ TEST_F(CaptureIndexEndpointsTest, CleanupElasticsearchPicksTheRequestFromItsArgu
          done,
          "POST /vistrel-7/_delete_by_query { \"query\": { \"match\": { \"INTERFACE\": \"eth1\" "
          "}}}"},
+        {{{"es_addr", es}, {"es_index", "_security"}}, 400, "Error : Bad index name", ""},
+        {{{"es_addr", es}, {"es_index", "../x"}}, 400, "Error : Bad index name", ""},
+        {{{"es_addr", es}, {"es_index", "a/_doc/1?x="}}, 400, "Error : Bad index name", ""},
+        // A quote in the source stays inside its JSON string.
+        {{{"es_addr", es}, {"source", R"(x"}},"match_all":{)"}},
+         200,
+         done,
+         R"(POST /vistrel*/_delete_by_query { "query": { "match": { "INTERFACE": "x\"}},\"match_all\":{" }}})"},
         {{{"es_addr", closed}},
          503,
          "Unable to perform Datasource cleanup. Something failed. Please check your Datasource "
@@ -260,7 +314,7 @@ TEST_F(CaptureIndexEndpointsTest, CleanupElasticsearchPicksTheRequestFromItsArgu
     EXPECT_EQ(occurrences(log, "Flushing ALL indexes for elasticsearch at: '" + es + "'"), 1u);
     EXPECT_EQ(occurrences(log, "Flushing vistrel-7 index for elasticsearch at: '" + es + "'"), 1u);
     EXPECT_EQ(occurrences(log, "Flushing vistrel* inidex for " + es + " with some more filters..."),
-              1u);
+              2u);
     EXPECT_EQ(occurrences(log, "Unable to flush " + closed), 1u);
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -81,6 +82,22 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
             missing.body,
             "<html><head><title>File not found</title></head><body>File not found</body></html>");
     }
+
+    // A link that stays below the working folder is followed; nothing leads out of it, and the
+    // server's own database and log are never served.
+    std::filesystem::create_directories(server_->sandbox().file("img"));
+    std::filesystem::create_symlink("../x", server_->sandbox().file("img/inner"));
+    std::filesystem::create_symlink("/", server_->sandbox().file("img/root"));
+    EXPECT_EQ(client().get("/img/inner/img/logo.png").body, content);
+    for (const char* path :
+         {"/img/../../../../../../etc/passwd", "/img/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd",
+          "/img/..%2f..%2f..%2f..%2f..%2fetc%2fpasswd", "/img/root/etc/passwd", "/img//etc/passwd",
+          "/img/../../../../proc/self/environ", "/img/../tmp/vistrelserveres.log",
+          "/img/../quellwick/vistrel/centralizedserver/vistrel-cs.db"}) {
+        testing::HttpResponse refused = client().get(path);
+        EXPECT_EQ(refused.status, 404) << path;
+        EXPECT_EQ(refused.body.find("root:"), std::string::npos) << path;
+    }
 }
 
 // The documents themselves are checked on the host functions; here: they are routed.
@@ -91,6 +108,37 @@ TEST_F(HttpCoreTest, HostDocumentsAnswer) {
     testing::HttpResponse interfaces = client().get("/getInterfaces");
     EXPECT_EQ(interfaces.status, 200);
     EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
+}
+
+// Each request reader says in the log, at error level, why a body could not be read.
+TEST_F(HttpCoreTest, UnreadableBodiesAreLoggedByTheirReader) {
+    const std::string no_mac = R"({"tidewells":[{"name":"x"}]})";
+    const std::string missing_mac = "JSON Parsing error: Non optional field [mac] not found";
+    struct Case {
+        std::string path, body, line;
+    };
+    const std::vector<Case> cases = {
+        {"/startCapture",
+         R"({"tidewells":[{"model":"Tidewell Pro","friendly_name":"a","mac":"00:1b:c5:00:00:01",
+             "file_name":"a","max_nr_files":1,"loop_capture":0,"keep_files":1}]})",
+         "Exception parsing tidewells array: JSON Parsing error: Non optional field "
+         "[capture_time] not found"},
+        {"/restartTidewell", no_mac, "Exception parsing JSON for RestartDevice: " + missing_mac},
+        {"/saveTidewell", no_mac, "Exception parsing JSON for GetSaveTidewell: " + missing_mac},
+        {"/setDeviceTime", no_mac, "Exception parsing GetSetDeviceTime: " + missing_mac},
+        {"/updateTidewellFirmware", no_mac,
+         "Exception parsing GetUpdateTidewellFirmware: " + missing_mac},
+        {"/getTidewellFirmwareUpdateStatus", no_mac,
+         "Exception parsing get_tidewell_firmware_update_status: " + missing_mac},
+        {"/search", R"({"query":"cs_address"})",
+         "Exception parsing SimpleJsonSearch: JSON Parsing error: Non optional field [target] "
+         "not found"},
+        {"/search", "{not json", "Exception parsing SimpleJsonSearch: [json.exception.parse_error"},
+    };
+    for (const auto& [path, body, line] : cases) {
+        EXPECT_EQ(client().post(path, body).status, 400) << path;
+        EXPECT_TRUE(server_->wait_for_log("ERROR: " + line, 5)) << line;
+    }
 }
 
 // A socket connected to the server; -1 if the connection fails.

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -54,7 +55,9 @@ class SessionServerTest : public ::testing::Test {
                    "    packets_per_second: 2000\n"
                    "    firmware_update_seconds: 2\n");
         server.set_env("TIDEWELL_SIM_CONFIG", scratch.file("sim.yml"));
-        ASSERT_TRUE(server.start()) << server.output();
+        ASSERT_TRUE(server.start({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                                  std::to_string(server.port()), "--loglevel", "debug"}))
+            << server.output();
         ASSERT_TRUE(eventually([this] {
             auto devices = nlohmann::json::parse(client.get("/getDevices").body, nullptr, false);
             return devices.is_object() && devices["devices"].size() == 2;
@@ -143,7 +146,7 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
 }
 
 // The replies' texts are checked by the handlers' own tests; here only that each route is
-// wired to its handler.
+// wired to its handler, and that a new firmware mode restarts the device.
 TEST_F(SessionServerTest, DeviceEndpointsAreRouted) {
     struct Case {
         std::string path, body;
@@ -163,15 +166,32 @@ TEST_F(SessionServerTest, DeviceEndpointsAreRouted) {
         {"/getAvailability", "", 200, "\"Capture machine available\""},
         {"/getTidewells", "", 200,
          "\"general_message\":\"Successfully retrieved all tidewell tidewell_devices\""},
+        {"/saveTidewell",
+         R"({"tidewells":[{"mac":"00:1b:c5:00:00:11","features":{"hw_firmware_id":1}}]})", 200,
+         "\"message\":\"The device firmware mode was changed, and the device will be restarted\""},
     };
     for (const auto& [path, body, status, answer] : cases) {
         auto response = body.empty() ? client.get(path) : client.post(path, body);
         EXPECT_EQ(response.status, status) << path;
         EXPECT_NE(response.body.find(answer), std::string::npos) << path << ": " << response.body;
     }
+    EXPECT_TRUE(server.wait_for_log("Save Tidewell required reset device with result = 0"));
+    EXPECT_TRUE(server.wait_for_log("Device Gone Callback: Device Removed"));
 }
 
 TEST_F(SessionServerTest, FirmwareFromTheCatalogueIsFlashed) {
+    // A path too long for the library is refused with the updater's reason, existing or not.
+    std::string too_long = server.quellwick_root() + "/tidewell/firmware";
+    while (too_long.size() <= 2048) too_long += "/" + std::string(200, 'd');
+    too_long += "/image.twfw";
+    auto refused = client.post(
+        "/updateTidewellFirmware",
+        R"({"tidewells":[{"mac":"00:1b:c5:00:00:12","firmware_file":")" + too_long + "\"}]}");
+    EXPECT_NE(refused.body.find("\"general_message\":\"Firmware filepath [" + too_long +
+                                "] is too long. Max size: 2048\""),
+              std::string::npos)
+        << refused.body;
+
     write_file(server.quellwick_root() + "/tidewell/firmware/tidewell-pro10g-1.2.twfw",
                "firmware image");
     auto firmwares = nlohmann::json::parse(client.get("/getTidewellFirmwares").body);
@@ -197,6 +217,38 @@ TEST_F(SessionServerTest, FirmwareFromTheCatalogueIsFlashed) {
         return client.post("/getTidewellFirmwareUpdateStatus", device)
                    .body.find("has completed successfully") != std::string::npos;
     })) << client.post("/getTidewellFirmwareUpdateStatus", device).body;
+}
+
+// The library's capability query names only the model, yet two devices of one model keep
+// their own capabilities, and only those with a features record have it read.
+TEST(DeviceRegistryServerTest, DevicesOfOneModelKeepTheirOwnCapabilities) {
+    TempDir scratch;
+    // Announced in this order, so the first has been turned away once the others are listed.
+    write_file(scratch.file("sim.yml"),
+               "devices:\n"
+               "  - mac: \"00:1b:c5:00:00:21\"\n"
+               "    model: \"Tidewell Pro\"\n"
+               "    fail: [TidewellAPIGetDeviceFeatures]\n"
+               "  - mac: \"00:1b:c5:00:00:22\"\n"
+               "    model: \"Tidewell Pro\"\n"
+               "  - mac: \"00:1b:c5:00:00:23\"\n"
+               "    model: \"Tidewell Pro\"\n"
+               "    capabilities: 0x300\n"
+               "    fail: [TidewellAPIGetDeviceFeatures]\n");
+    ServerProcess server;
+    server.set_env("TIDEWELL_SIM_CONFIG", scratch.file("sim.yml"));
+    ASSERT_TRUE(server.start()) << server.output();
+    HttpClient client = server.client();
+    nlohmann::json listed;
+    ASSERT_TRUE(eventually([&] {
+        listed = nlohmann::json::parse(client.get("/getTidewells").body, nullptr, false);
+        return listed.is_object() && listed["devices"].size() == 2;
+    })) << listed.dump();
+    std::map<std::string, uint32_t> capabilities;
+    for (const auto& device : listed["devices"])
+        capabilities[device["mac"]] = device["capabilities"];
+    EXPECT_EQ(capabilities, (std::map<std::string, uint32_t>{{"00:1b:c5:00:00:22", 0x30b},
+                                                             {"00:1b:c5:00:00:23", 0x300}}));
 }
 
 }  // namespace

@@ -143,6 +143,17 @@ TEST_F(UploadServerTest, RefusedUploadsNeverStartTheEngine) {
         EXPECT_EQ(response.status, 400) << answer;
         EXPECT_NE(response.body.find(answer), std::string::npos) << response.body;
     }
+    // No file field, or a file that can't be made (a folder has its name): nothing was
+    // uploaded, an unknown error.
+    std::filesystem::create_directories(uploaded("folder.pcap"));
+    for (const auto& parts : std::vector<std::vector<FormPart>>{
+             {{"json", kAnalysisJson, ""}},
+             {{"json", kAnalysisJson, ""}, {"file", "x", "folder.pcap"}}}) {
+        auto response = client.post_form("/analyzeCapture", parts);
+        EXPECT_EQ(response.status, 500);
+        EXPECT_EQ(response.body, "Unknown error");
+    }
+    EXPECT_TRUE(server.wait_for_log("Could not open upload file '" + uploaded("folder.pcap")));
     EXPECT_FALSE(std::filesystem::exists(uploaded("capture.PCAP")));
     EXPECT_TRUE(std::filesystem::exists(uploaded("escape.pcap")));
     EXPECT_FALSE(std::filesystem::exists(server.home() + "/Documents/escape.pcap"));

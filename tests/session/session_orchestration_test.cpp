@@ -100,7 +100,7 @@ TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
          "this machine\""},
     };
     for (const auto& [request, status, text] : cases) {
-        http::Reply reply = session.start_capture(request);
+        Reply reply = session.start_capture(request);
         EXPECT_EQ(reply.status, status) << text;
         EXPECT_NE(reply.text.find(text), std::string::npos) << reply.text;
     }
@@ -112,7 +112,7 @@ TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
 TEST_F(SessionTest, StartStopSomeThenStopAll) {
     StartRequest request = request_for({1, 2});
     request.interfaces.push_back({"lo", 0, ""});
-    http::Reply reply = session.start_capture(request);
+    Reply reply = session.start_capture(request);
     ASSERT_EQ(reply.status, 200) << reply.text;
     EXPECT_NE(reply.text.find("\"interfaces\":[{\"name\":\"lo\",\"errors\":\"\",\"message\":"
                               "\"No errors\"}]"),
@@ -138,7 +138,7 @@ TEST_F(SessionTest, StartStopSomeThenStopAll) {
 
 TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
     fake_.set_result("disk_dump_start", -1);
-    http::Reply reply = session.start_capture(request_for({1, 2}));
+    Reply reply = session.start_capture(request_for({1, 2}));
     EXPECT_EQ(reply.status, 500);
     EXPECT_NE(reply.text.find("\"message\":\"Error executing command\""), std::string::npos);
     EXPECT_TRUE(standin.started());
@@ -148,7 +148,7 @@ TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
 
 TEST_F(SessionTest, EngineThatNeverStartsFailsBeforeTheDevices) {
     standin.set_mode("exit");
-    http::Reply reply = session.start_capture(request_for({1}));
+    Reply reply = session.start_capture(request_for({1}));
     EXPECT_EQ(reply.status, 500);
     EXPECT_NE(reply.text.find("\"analyzer\": {\"errors\":\"Error executing command\""),
               std::string::npos)
@@ -164,7 +164,7 @@ TEST_F(SessionTest, AnalysisRunsTheEngineOverTheFile) {
     request.options.emplace();
     // A client's file name need not be UTF-8 (here Latin-1).
     const std::string path = "/up/caf\xe9.pcap";
-    http::Reply reply = session.start_analysis(request, path);
+    Reply reply = session.start_analysis(request, path);
     EXPECT_EQ(reply.status, 200);
     EXPECT_NE(reply.text.find("\"command\":\"analyze\""), std::string::npos);
     EXPECT_EQ(standin.arguments().at(3), path);
@@ -193,7 +193,7 @@ class DeviceCommandTest : public SessionTest {
 
 TEST_F(DeviceCommandTest, UnknownMacKeepsTheOthersResults) {
     plug(1, 1);
-    http::Reply reply = commands.restart({"00:1b:c5:00:00:09", "00:1b:c5:00:00:01"});
+    Reply reply = commands.restart({"00:1b:c5:00:00:09", "00:1b:c5:00:00:01"});
     EXPECT_EQ(reply.status, 500);
     EXPECT_NE(reply.text.find("{\"mac\":\"00:1b:c5:00:00:09\",\"name\":\"\",\"success\":false,"
                               "\"errors\":\"Tidewell device with mac '00:1b:c5:00:00:09' is not "
@@ -212,7 +212,7 @@ TEST_F(DeviceCommandTest, SaveRestartsOnlyWhenTheFirmwareModeChanges) {
     SaveRequest same;
     same.mac = "00:1b:c5:00:00:01";
     same.features = {{"slicing", 1}};
-    http::Reply reply = commands.save({same});
+    Reply reply = commands.save({same});
     EXPECT_EQ(reply.status, 200) << reply.text;
     EXPECT_NE(reply.text.find("Successfully saved tidewell features for device 00:1b:c5:00:00:01 "
                               "()"),
@@ -240,7 +240,7 @@ TEST_F(DeviceCommandTest, FirmwareRefusedWhileCapturingAndTimeFromGps) {
     FirmwareRequest firmware;
     firmware.mac = "00:1b:c5:00:00:01";
     firmware.firmware_file = temp_.file("test.log");
-    http::Reply reply = commands.update_firmware({firmware});
+    Reply reply = commands.update_firmware({firmware});
     EXPECT_EQ(reply.status, 400);
     EXPECT_NE(reply.text.find("It is impossible to start a firmware update if any device is "
                               "currently capturing"),

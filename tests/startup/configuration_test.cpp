@@ -195,8 +195,10 @@ TEST_F(CommandLineTest, YamlFileErrorsEndWithTheirMessages) {
 TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
     write_file(dir_.file("x.yml"),
                "general:\n  captures: caps\n  loglevel: debug\n  ntp_server: 127.0.0.1:1123\n"
-               "database: dbs/v.db\n");
+               "  force_tshark: true\ndatabase: dbs/v.db\n");
+    EXPECT_FALSE(config_.force_tshark);
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
+    EXPECT_TRUE(config_.force_tshark);
     EXPECT_TRUE(printed("[Config Load] No server configuration found, binding to all as default"));
     EXPECT_TRUE(config_.bindall);
     EXPECT_EQ(config_.host, "");
@@ -206,6 +208,41 @@ TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
     EXPECT_EQ(config_.captures, home() + "/caps");
     EXPECT_EQ(config_.capture_path, home() + "/caps/captures");
     EXPECT_EQ(config_.database, home() + "/dbs/v.db");
+}
+
+TEST_F(CommandLineTest, SecuritySectionSetsLimitsPathsAndCredentials) {
+    write_file(dir_.file("x.yml"),
+               "server:\n  host: 127.0.0.1\nsecurity:\n  capture_folders: [old, /srv/caps]\n"
+               "  static_root: web\n  connection_timeout: 5\n  max_connections: 10\n"
+               "  max_connections_per_client: 2\n  worker_threads: 0\n  max_json_body: 100\n"
+               "  tls_certificate: tls/c.pem\n  tls_key: /etc/k.pem\n  bearer_token: t\n");
+    EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
+    const SecuritySettings& security = config_.security;
+    EXPECT_EQ(security.capture_folders, (std::vector<std::string>{home() + "/old", "/srv/caps"}));
+    EXPECT_EQ(security.static_root, home() + "/web");
+    EXPECT_EQ(security.connection_timeout, 5u);
+    EXPECT_EQ(security.max_connections, 10u);
+    EXPECT_EQ(security.max_connections_per_client, 2u);
+    EXPECT_EQ(security.worker_threads, 1u);
+    EXPECT_EQ(security.max_json_body, 100u);
+    EXPECT_TRUE(security.tls());
+    EXPECT_EQ(security.tls_certificate, home() + "/tls/c.pem");
+    EXPECT_TRUE(security.authentication());
+    // The owned folders: the derived capture and analysis folders, then the configured ones.
+    EXPECT_EQ(config_.owned_capture_folders(),
+              (std::vector<std::string>{config_.capture_path, config_.analyze_capture_path,
+                                        home() + "/old", "/srv/caps"}));
+
+    // Every security setting goes back to its default with the rest of the record.
+    config_.reset();
+    EXPECT_TRUE(config_.security.capture_folders.empty());
+    EXPECT_FALSE(config_.security.tls());
+    EXPECT_FALSE(config_.security.authentication());
+    EXPECT_EQ(config_.security.connection_timeout, 30u);
+
+    write_file(dir_.file("bad.yml"), "security:\n  max_json_body: lots\n");
+    EXPECT_EQ(parse({"--config", dir_.file("bad.yml")}).exit_code, -1);
+    EXPECT_TRUE(printed("[Config Load] Error reading config file"));
 }
 
 TEST_F(CommandLineTest, WrittenCopyLoadsBackToTheSameSettings) {

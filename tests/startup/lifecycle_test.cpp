@@ -50,6 +50,57 @@ TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
     EXPECT_TRUE(contains(server.log(), "ERROR: [Set Up] Can't load configuration"));
 }
 
+size_t count_of(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
+    ServerProcess server;
+    const std::string port = std::to_string(server.port());
+    struct Case {
+        std::vector<std::string> arguments;
+        bool library_fails;
+        int exit_code;
+    };
+    // No "--mode" leaves the mode "invalid": an unknown mode.
+    const std::vector<Case> cases = {{{"--mode", "cleanup"}, false, 0},
+                                     {{"--port", port}, false, 1},
+                                     {{"--mode", "stop", "--port", port}, true, 255}};
+    server.run({"--mode", "stop", "--port", port});  // a database for the clean-up to empty
+    for (const auto& [arguments, library_fails, exit_code] : cases) {
+        if (library_fails) server.set_env("TIDEWELL_SIM_FAIL_INITIALIZE", "1");
+        EXPECT_EQ(server.run(arguments).exit_code, exit_code) << arguments[0];
+        const std::string log = server.log();
+        EXPECT_FALSE(contains(log, "Finishing server...")) << log;
+        EXPECT_FALSE(contains(log, "Closing Server...")) << log;
+        EXPECT_EQ(contains(log, "ERROR: Failed to initialize Tidewell API"), library_fails);
+    }
+}
+
+TEST(Lifecycle, FirmwareCatalogueProblemsAreLoggedOnceAtStart) {
+    ServerProcess server;
+    const std::string catalogue = server.quellwick_root() + "/tidewell/firmware/firmware.xml";
+    const std::vector<std::string> arguments = {"--mode", "stop", "--port",
+                                                std::to_string(server.port())};
+    std::filesystem::remove(catalogue);
+    server.run(arguments);
+    std::string log = server.log();
+    EXPECT_EQ(count_of(log, "ERROR: Could not open Firwmare.xml at: " + catalogue + "\n"), 1u)
+        << log;
+    EXPECT_LT(log.find("Firwmare.xml"), log.find("Received STOP command"));
+
+    write_file(catalogue, "<devices><device name=\"x\"</devices>");
+    server.run(arguments);
+    log = server.log();
+    EXPECT_EQ(count_of(log, "XML [" + catalogue + "] parsed with errors"), 1u) << log;
+    EXPECT_TRUE(contains(log, "XML Error Description: "));
+    EXPECT_TRUE(contains(log, "XML Error Offset: 25\n")) << log;
+    EXPECT_LT(log.find("XML Error Offset"), log.find("Received STOP command"));
+}
+
 TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
     ServerProcess server;
     ProgramRun run = server.run(

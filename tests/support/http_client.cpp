@@ -36,6 +36,8 @@ size_t append_header(char* data, size_t size, size_t count, void* target) {
 std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpResponse& response) {
     std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
     curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    // Paths go out as written: "../" is not squashed before it reaches the server.
+    curl_easy_setopt(handle.get(), CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
     curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, 120L);
     curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
@@ -56,10 +58,17 @@ void perform(CURL* handle, HttpResponse& response) {
 
 }  // namespace
 
-HttpResponse HttpClient::get(const std::string& path_and_query) const {
+HttpResponse HttpClient::get(const std::string& path_and_query,
+                             const std::vector<std::string>& headers,
+                             const std::string& ca_file) const {
     HttpResponse response;
     auto handle = make_handle(base_url_ + path_and_query, response);
+    curl_slist* list = nullptr;
+    for (const std::string& header : headers) list = curl_slist_append(list, header.c_str());
+    if (list != nullptr) curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, list);
+    if (!ca_file.empty()) curl_easy_setopt(handle.get(), CURLOPT_CAINFO, ca_file.c_str());
     perform(handle.get(), response);
+    curl_slist_free_all(list);
     return response;
 }
 

@@ -24,7 +24,10 @@ class HttpClient {
   public:
     explicit HttpClient(std::string base_url) : base_url_(std::move(base_url)) {}
 
-    HttpResponse get(const std::string& path_and_query) const;
+    // `headers` as "Name: value"; `ca_file` trusts that certificate for https addresses.
+    HttpResponse get(const std::string& path_and_query,
+                     const std::vector<std::string>& headers = {},
+                     const std::string& ca_file = {}) const;
     HttpResponse post(const std::string& path, const std::string& body,
                       const std::string& content_type = "application/json") const;
     HttpResponse request(const std::string& method, const std::string& path,

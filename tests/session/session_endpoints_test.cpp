@@ -1,15 +1,15 @@
 #include <gtest/gtest.h>
 
 #include "devicetestfixture.h"
-#include "http/sessionendpoints.h"
+#include "session/sessionendpoints.h"
 
-namespace vistrel::http {
+namespace vistrel::session {
 namespace {
 
 class SessionEndpointsTest : public vistrel::testing::DeviceTest {
   protected:
     engine::WatchkeepProcess process;
-    session::VistrelSession session{process};
+    VistrelSession session{process};
     devices::TidewellFirmwareUpdater updater;
 };
 
@@ -82,4 +82,4 @@ TEST_F(SessionEndpointsTest, StatusDocuments) {
 }
 
 }  // namespace
-}  // namespace vistrel::http
+}  // namespace vistrel::session

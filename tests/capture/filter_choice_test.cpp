@@ -1,0 +1,91 @@
+// Which dashboard filters libpcap takes and which stay with tshark, on the texts the dashboard
+// translation makes from the shipped rules file.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "capture/filterchoice.h"
+#include "dashboard/dashboardfilter.h"
+
+namespace vistrel::capture {
+namespace {
+
+std::string translated(const std::vector<std::string>& filters, bool bidirectional) {
+    std::vector<dashboard::DashboardFilter> triples;
+    for (const auto& filter : filters)
+        dashboard::collect_user_filter("var-Filters", filter.c_str(), triples);
+    return dashboard::translate_filters(triples, bidirectional,
+                                        VISTREL_SOURCE_DIR "/config/grafana_to_tshark.yaml");
+}
+
+TEST(FilterChoice, ExactTermsCompileToBpf) {
+    const std::vector<std::pair<std::vector<std::string>, bool>> fast = {
+        {{"IP_SRC|=|10.0.0.1"}, false},
+        {{"IP_DST|!=|2001:db8::1"}, false},
+        {{"IP_SRC|=~|10.0.0.1"}, true},
+        {{"L4_SRC_PORT|=|53"}, false},
+        {{"L4_DST_PORT|>|1023"}, true},
+        {{"MAC_SRC|=|00:1b:c5:00:00:01"}, false},
+        {{"MAC_DST|!~|00-1B-C5-00-00-01"}, true},
+        {{"ETH_TYPE|=|0x86dd"}, false},
+        {{"IP_PROTOCOL|<|17"}, false},
+        {{"IP_TTL|<|10"}, false},
+        {{"TCP_FLAGS|=|0x012"}, false},
+        {{"ARP|=|x"}, false},
+        {{"ICMP|=|x"}, false},
+        {{"TCP_SYN|=|x", "IP_SRC|=|10.0.0.1", "L4_DST_PORT|!=|22"}, false},
+    };
+    for (const auto& [filters, bidirectional] : fast) {
+        const std::string text = translated(filters, bidirectional);
+        const FilterChoice choice = choose_filter(text, "");
+        ASSERT_TRUE(choice.selector) << text << ": " << choice.reason;
+        EXPECT_EQ(choice.reason, "");
+    }
+    // Both directions of an address become one test of either address field.
+    EXPECT_EQ(choose_filter(translated({"IP_SRC|=|10.0.0.1"}, true), "").selector->expression(),
+              "(((ip src host 10.0.0.1 or ip dst host 10.0.0.1)))");
+    // "!=" holds for packets that carry the field and none of whose values is equal.
+    EXPECT_EQ(choose_filter("!(ip.ttl != 64)", "").selector->expression(),
+              "not ((ip and not (ip and (ip[8]) = 64)))");
+}
+
+TEST(FilterChoice, EverythingElseStaysWithTsharkAndSaysWhy) {
+    const std::vector<std::pair<std::string, std::string>> slow = {
+        {translated({"DNS_QUERY|=|example.com"}, false), "'dns.qry.name' has no exact BPF"},
+        {translated({"HTTP_HOST|=|example.com"}, false), "'http.host' has no exact BPF"},
+        {translated({"TLS_SNI|=|example.com"}, false), "'tls.handshake.extensions_server_name'"},
+        {translated({"TCP_RETRANSMISSION|=|x"}, false), "'tcp.analysis.retransmission'"},
+        {translated({"FRAGMENTED|=|x"}, false), "'ip.flags.mf'"},
+        {translated({"VLAN_ID|=|7"}, false), "'vlan.id'"},
+        {translated({"IP_SRC|>|10.0.0.1"}, false), "ordered comparison of 'ip.src'"},
+        {translated({"L4_DST_PORT|=|70000"}, false), "value '70000' of 'tcp.dstport'"},
+        {translated({"L4_DST_PORT|=|053"}, false), "value '053'"},
+        {translated({"MAC_SRC|=|00:1b:c5"}, false), "MAC address '00:1b:c5'"},
+        {"ip.src == 10.0.0.1 && tcp || udp", "&& and || mixed without parentheses"},
+        {"ip.addr == 10.0.0.1/8", "address '10.0.0.1/8'"},
+        {"tcp.port in {80 443}", "unsupported syntax"},
+        {"(())", "')' has no exact BPF equivalent"},
+        {"", "empty filter"},
+    };
+    for (const auto& [text, reason] : slow) {
+        const FilterChoice choice = choose_filter(text, "");
+        EXPECT_FALSE(choice.selector) << text;
+        EXPECT_NE(choice.reason.find(reason), std::string::npos) << text << ": " << choice.reason;
+    }
+    // A reason given by the caller (the configuration, a raw filter) wins over libpcap.
+    const FilterChoice forced = choose_filter("ip.src==10.0.0.1", "forced");
+    EXPECT_FALSE(forced.selector);
+    EXPECT_EQ(forced.reason, "forced");
+}
+
+TEST(FilterChoice, LinkTypesLibpcapCannotFilterAreRefused) {
+    std::string error;
+    // Raw IP packets have no Ethernet addresses to compare.
+    EXPECT_FALSE(PacketSelector::create("ether src 00:1b:c5:00:00:01", DLT_RAW, error));
+    EXPECT_NE(error, "");
+    EXPECT_TRUE(PacketSelector::create("ether src 00:1b:c5:00:00:01", extract_link_type(), error));
+}
+
+}  // namespace
+}  // namespace vistrel::capture

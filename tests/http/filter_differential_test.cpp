@@ -1,0 +1,290 @@
+// Filtered downloads through the real program against tshark's own selection from the same
+// packets: libpcap's fast path must select exactly what tshark selects, packet for packet
+// (times and bytes), on plain traffic and on traffic that tshark reads deeper than libpcap.
+#include <gtest/gtest.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "capture/timefilter.h"
+#include "capturefilewriter.h"
+#include "dashboard/dashboardfilter.h"
+#include "support/server_process.h"
+#include "traffic.h"
+
+namespace vistrel::testing {
+namespace {
+
+constexpr uint64_t kMillisecond = 1000000ull;
+constexpr uint64_t kBase = 1710000000ull * 1000000000ull;
+
+// tshark's selection from a file: the timestamps of the packets, in file order.
+std::vector<uint64_t> tshark_selection(const std::string& path, const std::string& filter) {
+    const std::string output = run_command("tshark -r " + path + " -Y '" + filter +
+                                           "' -T fields -e frame.time_epoch 2>/dev/null");
+    std::vector<uint64_t> stamps;
+    size_t at = 0;
+    while (at < output.size()) {
+        const size_t end = output.find('\n', at);
+        const std::string line = output.substr(at, end - at);
+        const size_t dot = line.find('.');
+        if (dot != std::string::npos) {
+            stamps.push_back(std::stoull(line.substr(0, dot)) * 1000000000ull +
+                             std::stoull(line.substr(dot + 1)));
+        }
+        at = end == std::string::npos ? output.size() : end + 1;
+    }
+    return stamps;
+}
+
+// Values that make each dashboard key match some of the generated traffic.
+std::vector<std::string> values_for(const std::string& key) {
+    static const std::map<std::string, std::vector<std::string>> kValues = {
+        {"IP_SRC", {kHostA, kHost6A}},
+        {"IP_DST", {kHostB, kHost6A}},
+        {"L4_SRC_PORT", {"53"}},
+        {"L4_DST_PORT", {"1024"}},
+        {"MAC_SRC", {kMacA}},
+        {"MAC_DST", {kMacB}},
+        {"VLAN_ID", {"7"}},
+        {"ETH_TYPE", {"0x0800", "34525"}},
+        {"IP_PROTOCOL", {"17"}},
+        {"IP_TTL", {"64"}},
+        {"TCP_FLAGS", {"0x012"}},
+    };
+    auto found = kValues.find(key);
+    return found == kValues.end() ? std::vector<std::string>{"example.com"} : found->second;
+}
+
+class FilterDifferentialTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        data_ = std::make_unique<TempDir>();
+        server_ = std::make_unique<ServerProcess>();
+        ASSERT_TRUE(server_->start({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                                    std::to_string(server_->port()), "--database",
+                                    data_->file("index.db"), "--loglevel", "normal"}))
+            << server_->output();
+        // Source "plain": plain traffic in a pcapng and a pcap file. One source per trap: a
+        // little plain traffic and the trap's frames.
+        uint64_t stamp = kBase;
+        const auto plain = plain_traffic();
+        PcapngBuilder pcapng;
+        pcapng.section().interface(9).interface(9);
+        PcapBuilder pcap(0xA1B23C4D);
+        const uint64_t plain_start = stamp;
+        for (size_t i = 0; i < plain.size(); ++i, stamp += kMillisecond) {
+            if (i < plain.size() / 2) {
+                pcapng.packet(static_cast<uint32_t>(i % 2), stamp, plain[i]);
+            } else {
+                pcap.record(static_cast<uint32_t>(stamp / 1000000000), stamp % 1000000000,
+                            plain[i]);
+            }
+            frames_[stamp] = plain[i];
+            merged_.packet(0, stamp, plain[i]);
+        }
+        add("plain-a.pcapng", pcapng.bytes(), "plain", plain_start, stamp - kMillisecond);
+        add("plain-b.pcap", pcap.bytes(), "plain", plain_start, stamp - kMillisecond);
+        sources_.push_back({"plain", plain_start, stamp - kMillisecond});
+
+        for (const auto& trap : trap_traffic()) {
+            stamp += 1000 * kMillisecond;
+            PcapngBuilder file;
+            file.section().interface(9);
+            const uint64_t start = stamp;
+            std::vector<std::string> frames(plain.begin(), plain.begin() + 12);
+            frames.insert(frames.begin() + 6, trap.frames.begin(), trap.frames.end());
+            for (const auto& frame : frames) {
+                const bool cut =
+                    trap.truncated && frame.size() > 40 &&
+                    std::find(trap.frames.begin(), trap.frames.end(), frame) != trap.frames.end();
+                const std::string data = cut ? frame.substr(0, 40) : frame;
+                const auto original = static_cast<uint32_t>(frame.size());
+                file.packet(0, stamp, data, original);
+                merged_.packet(0, stamp, data, original);
+                frames_[stamp] = data;
+                stamp += kMillisecond;
+            }
+            add(trap.name + ".pcapng", file.bytes(), trap.name, start, stamp - kMillisecond);
+            sources_.push_back({trap.name, start, stamp - kMillisecond});
+        }
+        merged_path_ = data_->file("merged.pcapng");
+        write_file(merged_path_, merged_.bytes());
+    }
+
+    static void TearDownTestSuite() {
+        server_.reset();
+        data_.reset();
+    }
+
+    static void add(const std::string& name, const std::string& bytes, const std::string& source,
+                    uint64_t start, uint64_t end) {
+        const std::string path = data_->file(name);
+        write_file(path, bytes);
+        HttpResponse response = server_->client().get(
+            "/addFile?file_path=" + url_encode(path) + "&start_ts=" + std::to_string(start) +
+            "&end_ts=" + std::to_string(end) + "&n_packets=1&source=" + source +
+            "&es_index=vistrel-1");
+        ASSERT_EQ(response.status, 200) << response.body;
+    }
+
+    struct Source {
+        std::string name;
+        uint64_t first;
+        uint64_t last;
+    };
+
+    // Downloads `source`'s range with the dashboard filters and compares it with tshark's
+    // selection from the same packets. Returns whether the server took the fast path.
+    bool compare(const Source& source, const std::vector<std::string>& filters,
+                 bool bidirectional) {
+        // From the source's second packet to its last, which the exclusive end leaves out.
+        const uint64_t from = source.first + kMillisecond;
+        const uint64_t to = source.last;
+        std::string query = "/getCapture?from=" + std::to_string(from / kMillisecond) +
+                            "&to=" + std::to_string(to / kMillisecond) +
+                            "&var-esinterface=" + source.name;
+        std::vector<dashboard::DashboardFilter> triples;
+        for (const auto& filter : filters) {
+            query += "&var-Filters=" + url_encode(filter);
+            dashboard::collect_user_filter("var-Filters", filter.c_str(), triples);
+        }
+        if (bidirectional) query += "&var-bidirectionalfilter=true";
+        capture::CaptureQuery expected_query;
+        expected_query.start = from;
+        expected_query.end = to;
+        expected_query.display_filter = dashboard::translate_filters(
+            triples, bidirectional, VISTREL_SOURCE_DIR "/config/grafana_to_tshark.yaml");
+
+        if (!compared_.insert(source.name + "\n" + expected_query.display_filter).second) {
+            return false;  // the same display filter again (=~ is ==, !~ is !=)
+        }
+
+        const size_t log_mark = server_->log().size();
+        HttpResponse response = server_->client().get(query);
+        const std::string log = server_->log().substr(log_mark);
+        const bool fast = log.find("Filtering with BPF") != std::string::npos;
+        const std::string context = source.name + " " + expected_query.display_filter +
+                                    (fast ? " (BPF)" : " (tshark)") + "\n" + log;
+
+        // tshark reads every packet on its own here, so its selection from all sources at
+        // once, cut to the range (end exclusive), is its selection from the range.
+        auto cached = selections_.find(expected_query.display_filter);
+        if (cached == selections_.end()) {
+            cached = selections_
+                         .emplace(expected_query.display_filter,
+                                  tshark_selection(merged_path_, expected_query.display_filter))
+                         .first;
+        }
+        std::vector<uint64_t> wanted;
+        for (uint64_t stamp : cached->second) {
+            if (stamp >= from && stamp < to) wanted.push_back(stamp);
+        }
+        if (response.status == 0) {
+            // The server's tshark refused the filter: so must tshark here.
+            EXPECT_FALSE(fast) << context;
+            EXPECT_TRUE(wanted.empty()) << context;
+            return fast;
+        }
+        EXPECT_EQ(response.status, 200) << context;
+        if (fast) {
+            EXPECT_EQ(response.body.compare(0, 92, extract_header()), 0) << context;
+        }
+        const PacketList got = pcapng_packets(response.body);
+        EXPECT_EQ(got.size(), wanted.size()) << context;
+        for (size_t i = 0; i < got.size() && i < wanted.size(); ++i) {
+            EXPECT_EQ(got[i].first, wanted[i]) << "packet " << i << " of " << context;
+            EXPECT_TRUE(got[i].second == frames_[got[i].first])
+                << "packet " << i << " of " << context;
+        }
+        return fast;
+    }
+
+    std::set<std::string> compared_;
+    static std::map<std::string, std::vector<uint64_t>> selections_;
+    static std::unique_ptr<ServerProcess> server_;
+    static std::unique_ptr<TempDir> data_;
+    static PcapngBuilder merged_;
+    static std::string merged_path_;
+    static std::map<uint64_t, std::string> frames_;
+    static std::vector<Source> sources_;
+};
+
+std::unique_ptr<ServerProcess> FilterDifferentialTest::server_;
+std::unique_ptr<TempDir> FilterDifferentialTest::data_;
+PcapngBuilder FilterDifferentialTest::merged_ = [] {
+    PcapngBuilder builder;
+    builder.section().interface(9);
+    return builder;
+}();
+std::string FilterDifferentialTest::merged_path_;
+std::map<uint64_t, std::string> FilterDifferentialTest::frames_;
+std::vector<FilterDifferentialTest::Source> FilterDifferentialTest::sources_;
+std::map<std::string, std::vector<uint64_t>> FilterDifferentialTest::selections_;
+
+TEST_F(FilterDifferentialTest, EveryRuleKeyOperatorAndDirectionSelectsWhatTsharkSelects) {
+    const YAML::Node rules = YAML::LoadFile(VISTREL_SOURCE_DIR "/config/grafana_to_tshark.yaml");
+    std::vector<std::pair<std::vector<std::string>, bool>> cases;
+    std::set<std::pair<std::string, bool>> seen;
+    for (const auto& section : rules) {
+        const std::string name = section.first.as<std::string>();
+        const bool fixed = name == "apply_field" || name == "apply_value";
+        for (const auto& entry : section.second) {
+            const std::string key = entry.first.as<std::string>();
+            for (const auto& value :
+                 name == "apply_value" ? std::vector<std::string>{"udp"} : values_for(key)) {
+                for (const std::string op : {"=", "!=", "<", ">", "=~", "!~"}) {
+                    if (fixed && op != "=") continue;
+                    for (bool bidirectional : {false, true}) {
+                        const std::string filter = key + "|" + op + "|" + value;
+                        if (seen.insert({filter, bidirectional}).second) {
+                            cases.push_back({{filter}, bidirectional});
+                        }
+                    }
+                }
+            }
+        }
+    }
+    // Combined filters: several terms, negations and alternatives from the rules.
+    cases.push_back({{"IP_SRC|=|" + kHostA, "L4_DST_PORT|!=|53"}, false});
+    cases.push_back({{"MAC_SRC|=|" + kMacA, "TCP_FLAGS|>|16", "IP_TTL|<|100"}, false});
+    cases.push_back({{"ICMP|=|x", "IP_DST|!=|" + kHostA}, true});
+    cases.push_back({{"TCP_SYN|=|x", "IP_SRC|=|" + kHost6A}, false});
+    cases.push_back({{"ARP|=|x", "MAC_DST|=|ff:ff:ff:ff:ff:ff"}, false});
+    cases.push_back({{"L4_SRC_PORT|<|1000", "IP_PROTOCOL|=|6"}, true});
+
+    std::set<std::string> fast_keys;
+    const Source& plain = sources_.front();
+    for (const auto& [filters, bidirectional] : cases) {
+        if (compare(plain, filters, bidirectional) && filters.size() == 1) {
+            fast_keys.insert(filters[0].substr(0, filters[0].find('|')));
+        }
+    }
+    // On plain traffic the keys with exact BPF counterparts take the fast path.
+    EXPECT_EQ(fast_keys, (std::set<std::string>{"ARP", "ETH_TYPE", "ICMP", "IP_DST", "IP_PROTOCOL",
+                                                "IP_SRC", "IP_TTL", "L4_DST_PORT", "L4_SRC_PORT",
+                                                "MAC_DST", "MAC_SRC", "TCP_FLAGS", "TCP_SYN"}));
+}
+
+TEST_F(FilterDifferentialTest, TrafficThatTsharkReadsDeeperGoesThroughTshark) {
+    const std::vector<std::pair<std::vector<std::string>, bool>> cases = {
+        {{"IP_SRC|=|" + kHostC}, false},
+        {{"L4_DST_PORT|=|53"}, false},
+        {{"IP_SRC|=|" + kHost6A, "TCP_SYN|=|x"}, true},
+    };
+    for (size_t k = 1; k < sources_.size(); ++k) {
+        for (const auto& [filters, bidirectional] : cases) {
+            EXPECT_FALSE(compare(sources_[k], filters, bidirectional)) << sources_[k].name;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace vistrel::testing
