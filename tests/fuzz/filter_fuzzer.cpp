@@ -43,7 +43,7 @@ std::string path_of(int fd) {
 
 std::string stream(ExtractionJob& job) {
     std::string bytes;
-    std::vector<uint8_t> buffer(vistrel::capture::kHttpBlockSize);
+    std::vector<uint8_t> buffer(vistrel::capture::kDirectChunkSize);
     int64_t got;
     while ((got = job.read_direct(buffer.data(), buffer.size())) > 0) {
         bytes.append(reinterpret_cast<const char*>(buffer.data()), static_cast<size_t>(got));
