@@ -6,7 +6,7 @@ FUZZ_DIR := build/fuzz
 STAGE_ROOT := $(abspath $(RELEASE_DIR))/quellwick
 PORT ?= 8081
 
-.PHONY: all deps build run test demo bench stress fuzz format clean
+.PHONY: all deps build run test demo bench stress fuzz format clean package
 
 all: build
 
@@ -21,6 +21,10 @@ build: deps
 run: build
 	QUELLWICK_ROOT=$(STAGE_ROOT) TIDEWELL_SIM_CONFIG=$(abspath config/tidewell-sim.yml) \
 		$(RELEASE_DIR)/centralizedserver --mode debug --host 127.0.0.1 --port $(PORT) --loglevel info
+
+# Debian packages (server with its systemd unit, device simulator, capture engine) in build/release.
+package: build
+	cd $(RELEASE_DIR) && cpack -G DEB
 
 test: deps
 	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DVISTREL_SANITIZE=ON

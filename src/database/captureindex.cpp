@@ -109,9 +109,9 @@ unsigned remove_capture_file(const std::string& file_path) {
     return database.flush_by_file_path(file_path);
 }
 
-uint32_t count_capture_files() {
+uint32_t count_capture_files(bool log) {
     VistrelDatabase database;
-    return database.count_capture_rows();
+    return database.count_capture_rows(log);
 }
 
 }  // namespace vistrel::database

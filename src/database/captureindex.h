@@ -18,7 +18,7 @@ unsigned add_capture_file(const CaptureFileRecord& record);
 std::list<CaptureFileRecord> select_capture_files(const CaptureQuery& query);
 // Removes the rows of one file: 0 or 6.
 unsigned remove_capture_file(const std::string& file_path);
-// Logs and returns the number of rows of the index.
-uint32_t count_capture_files();
+// The number of rows of the index, logged unless `log` is false (metrics scrapes).
+uint32_t count_capture_files(bool log = true);
 
 }  // namespace vistrel::database

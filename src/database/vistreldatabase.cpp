@@ -255,13 +255,13 @@ unsigned VistrelDatabase::create_schema() {
     return kSuccess;
 }
 
-uint32_t VistrelDatabase::count_capture_rows() {
+uint32_t VistrelDatabase::count_capture_rows(bool log) {
     uint32_t count = 0;
     if (select(kCaptureTable, "count(*)", "", store_count, &count) == kSelectFailed) {
         LOG_ERROR("Unable to count logs in Index Database");
         return 0;
     }
-    LOG_NORMAL("Found %u logs in the Database", count);
+    if (log) LOG_NORMAL("Found %u logs in the Database", count);
     return count;
 }
 

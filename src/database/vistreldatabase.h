@@ -71,7 +71,7 @@ class VistrelDatabase {
     // Deletes the capture-index rows of one file. 0 or 6.
     unsigned flush_by_file_path(const std::string& file_path);
     // Logs and returns the number of capture-index rows (0 when it cannot be read).
-    uint32_t count_capture_rows();
+    uint32_t count_capture_rows(bool log = true);
 
   private:
     struct Closer {

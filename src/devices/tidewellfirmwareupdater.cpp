@@ -1,5 +1,6 @@
 #include "devices/tidewellfirmwareupdater.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "devices/deviceregistry.h"
@@ -217,6 +218,13 @@ bool TidewellFirmwareUpdater::any_running() const {
         if (entry.worker && !entry.worker->finished()) return true;
     }
     return false;
+}
+
+size_t TidewellFirmwareUpdater::running_count() const {
+    std::lock_guard lock(state_->mutex);
+    return static_cast<size_t>(
+        std::count_if(state_->entries.begin(), state_->entries.end(),
+                      [](const auto& entry) { return entry.worker && !entry.worker->finished(); }));
 }
 
 void TidewellFirmwareUpdater::cleanup_loop() {

@@ -48,6 +48,8 @@ class TidewellFirmwareUpdater {
     FirmwareUpdateStatus status(const std::string& mac);
     // Some worker has not finished yet.
     bool any_running() const;
+    // Workers still flashing.
+    size_t running_count() const;
 
   private:
     struct Entry;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -60,6 +61,46 @@ bool process_exists(const std::string& name) {
         if (process.command == name) return true;
     }
     return false;
+}
+
+std::optional<double> process_start_time(pid_t pid) {
+    // Field 22 of the stat line is the start in clock ticks after boot; the fields after the
+    // command name, which may hold blanks and parentheses, start behind its last ')'.
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) return std::nullopt;
+    const size_t close_paren = line.rfind(')');
+    if (close_paren == std::string::npos) return std::nullopt;
+    std::istringstream fields(line.substr(close_paren + 2));
+    std::string field;
+    for (int index = 3; index < 22 && fields >> field; ++index) {
+    }
+    unsigned long long ticks = 0;
+    if (!(fields >> ticks)) return std::nullopt;
+    std::ifstream system_stat("/proc/stat");
+    std::string key;
+    long long boot_time = -1;
+    while (system_stat >> key) {
+        if (key == "btime") {
+            system_stat >> boot_time;
+            break;
+        }
+        std::getline(system_stat, line);
+    }
+    const long ticks_per_second = sysconf(_SC_CLK_TCK);
+    if (boot_time < 0 || ticks_per_second <= 0) return std::nullopt;
+    return static_cast<double>(boot_time) +
+           static_cast<double>(ticks) / static_cast<double>(ticks_per_second);
+}
+
+std::optional<double> earliest_start_time(const std::string& name) {
+    std::optional<double> earliest;
+    for (const auto& process : list_processes()) {
+        if (process.command != name) continue;
+        std::optional<double> started = process_start_time(process.pid);
+        if (started && (!earliest || *started < *earliest)) earliest = started;
+    }
+    return earliest;
 }
 
 bool end_process_by_name(const std::string& name) {

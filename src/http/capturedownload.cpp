@@ -9,6 +9,7 @@
 #include "dashboard/dashboardfilter.h"
 #include "dashboard/dashboardtime.h"
 #include "database/captureindex.h"
+#include "http/downloadmeter.h"
 #include "http/pages.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -40,19 +41,34 @@ ssize_t reader_result(int64_t result) {
     return static_cast<ssize_t>(result);
 }
 
-// The library owns the job from the response's creation on and frees it after the last read.
-ssize_t read_direct(void* job, uint64_t, char* buffer, size_t maximum) {
-    return reader_result(static_cast<capture::ExtractionJob*>(job)->read_direct(
-        reinterpret_cast<uint8_t*>(buffer), maximum));
+// One stream: the job that produces it and the meter that counts what is handed out. The
+// library owns it from the response's creation on and frees it after the last read.
+struct Download {
+    Download(std::unique_ptr<capture::ExtractionJob> extraction, const char* path)
+        : job(std::move(extraction)), meter(path) {}
+
+    std::unique_ptr<capture::ExtractionJob> job;
+    DownloadMeter meter;
+};
+
+ssize_t read_direct(void* cls, uint64_t, char* buffer, size_t maximum) {
+    auto& download = *static_cast<Download*>(cls);
+    const ssize_t result =
+        reader_result(download.job->read_direct(reinterpret_cast<uint8_t*>(buffer), maximum));
+    download.meter.sent(buffer, result);
+    return result;
 }
 
-ssize_t read_filtered(void* job, uint64_t, char* buffer, size_t maximum) {
-    return reader_result(static_cast<capture::ExtractionJob*>(job)->read_filtered(
-        reinterpret_cast<uint8_t*>(buffer), maximum));
+ssize_t read_filtered(void* cls, uint64_t, char* buffer, size_t maximum) {
+    auto& download = *static_cast<Download*>(cls);
+    const ssize_t result =
+        reader_result(download.job->read_filtered(reinterpret_cast<uint8_t*>(buffer), maximum));
+    download.meter.sent(buffer, result);
+    return result;
 }
 
-void free_job(void* job) {
-    delete static_cast<capture::ExtractionJob*>(job);
+void free_download(void* cls) {
+    delete static_cast<Download*>(cls);
 }
 
 MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::ExtractionJob> job) {
@@ -66,11 +82,13 @@ MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::Ex
         MHD_destroy_response(response);
         return result;
     }
-    capture::ExtractionJob* raw = job.get();
+    const bool filtered = job->filtered();
+    auto download = std::make_unique<Download>(std::move(job), filtered ? "filtered" : "direct");
     MHD_Response* response = MHD_create_response_from_callback(
-        MHD_SIZE_UNKNOWN, kBlockSize, raw->filtered() ? read_filtered : read_direct, raw, free_job);
+        MHD_SIZE_UNKNOWN, kBlockSize, filtered ? read_filtered : read_direct, download.get(),
+        free_download);
     if (response == nullptr) return MHD_NO;
-    job.release();
+    download.release();
     MHD_add_response_header(response, "Content-Type", "application/x-pcapng");
     MHD_add_response_header(response, "Content-Disposition", capture_disposition(query).c_str());
     MHD_Result result = MHD_queue_response(connection, MHD_HTTP_OK, response);

@@ -14,6 +14,7 @@
 #include "database/capturecleanup.h"
 #include "database/captureindex.h"
 #include "database/resultcodes.h"
+#include "metrics/servermetrics.h"
 #include "searchindex/searchindexclient.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
@@ -133,9 +134,12 @@ Reply handle_add_file(const QueryArguments& arguments) {
     record.end_ts = static_cast<uint64_t>(end);
     record.n_packets = static_cast<uint64_t>(packets);
     // A refused insert is logged by the database; the engine's report was received all the same.
-    if (database::add_capture_file(record) == database::kInvalidRecord) {
+    const unsigned added = database::add_capture_file(record);
+    if (added == database::kInvalidRecord) {
         LOG_WARNING("Capture file '%s' not indexed: empty file_path, source or es_index",
                     path.c_str());
+    } else if (added == database::kSuccess) {
+        metrics::files_registered().add();
     }
     return reply;
 }
@@ -183,6 +187,8 @@ Reply handle_cleanup(const QueryArguments& arguments) {
     if (delete_files) {
         counts = database::delete_capture_files(files, configuration().owned_capture_folders());
     }
+    metrics::cleanups("files").add();
+    if (counts.errors > 0) metrics::cleanup_errors("files").add(counts.errors);
     Reply reply{"", 200};
     reply.text =
         cleanup_reply_text(files.size(), counts.removed, counts.errors, delete_files, reply.status);
@@ -204,6 +210,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
         LOG_WARNING("Bad request, '%s' is not an index name", es_index->c_str());
         return {"Error : Bad index name", 400};
     }
+    metrics::cleanups("elasticsearch").add();
     const searchindex::Credentials none;
     bool done = false;
     if ((start_ts && end_ts) || source) {
@@ -214,6 +221,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     } else if (es_index) {
         if (start_ts || end_ts) {
             LOG_WARNING("Internal error, unhandled situation for cleanup datasource ");
+            metrics::cleanup_errors("elasticsearch").add();
             return {"Internal Server Error while cleaning up Datasource", 500};
         }
         LOG_NORMAL("Flushing %s index for elasticsearch at: '%s'", es_index->c_str(),
@@ -225,6 +233,7 @@ Reply handle_cleanup_elasticsearch(const QueryArguments& arguments) {
     }
     if (!done) {
         LOG_WARNING("Unable to flush %s", es_addr->c_str());
+        metrics::cleanup_errors("elasticsearch").add();
         return {
             "Unable to perform Datasource cleanup. Something failed. Please check your "
             "Datasource address and your connection",

@@ -2,6 +2,7 @@
 
 #include <microhttpd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,10 @@ struct ConnectionRecord {
     std::string body;                             // JSON POST bodies, collected whole
     bool body_too_large = false;                  // the body passed the limit and was dropped
     UploadState upload;  // "/analyzeCapture": the post processor's closure (upload_iterator)
+    // For the request metrics: labels bounded by the route tables, and the first call's time.
+    std::string method_label;
+    std::string endpoint_label;
+    std::chrono::steady_clock::time_point started;
 };
 
 }  // namespace vistrel::http

@@ -24,6 +24,7 @@
 #include "http/pages.h"
 #include "http/routes.h"
 #include "http/uploadendpoint.h"
+#include "metrics/servermetrics.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
 
@@ -44,8 +45,9 @@ std::unique_ptr<HttpServer> g_server;
 std::mutex g_server_creation;
 
 bool is_polled_url(const std::string& url) {
+    // A monitoring system scrapes /metrics every few seconds.
     return url == "/getCMStatus" || url == "/getTidewells" || url == "/info" ||
-           url == "/analyzeCapture";
+           url == "/analyzeCapture" || url == "/metrics";
 }
 
 QueryArguments arguments_of(MHD_Connection* connection) {
@@ -57,20 +59,49 @@ QueryArguments arguments_of(MHD_Connection* connection) {
     };
 }
 
-MHD_Result dispatch_get(const HttpServer& server, MHD_Connection* connection,
-                        const std::string& url) {
-    QueryArguments arguments = arguments_of(connection);
+// Metric labels: the route that answers the URL, never the URL itself, so that clients cannot
+// grow the label sets.
+std::string method_label(const std::string& method) {
+    for (const char* known : {"GET", "POST", "OPTIONS", "HEAD", "PUT", "DELETE"}) {
+        if (method == known) return method;
+    }
+    return "other";
+}
+
+// The first GET route that serves `url`; null when none does.
+const GetRoute* find_get_route(const HttpServer& server, const std::string& url) {
     for (const GetRoute& route : server.get_routes()) {
         bool matches =
             route.match_anywhere ? url.find(route.path) != std::string::npos : url == route.path;
-        if (!matches || !route.handler) continue;
-        try {
-            return route.handler(GetRequest{connection, url, arguments});
-        } catch (const std::exception& error) {
-            return send_html_page(connection, error.what(), false, 500);
-        }
+        if (matches && route.handler) return &route;
     }
-    return send_html_page(connection, "Error : Unknown request " + url, false, 404);
+    return nullptr;
+}
+
+std::string endpoint_label(const HttpServer& server, const std::string& method,
+                           const std::string& url) {
+    if (method == "POST") {
+        for (const PostRoute& route : server.post_routes()) {
+            if (url == route.path) return route.path;
+        }
+    } else if (method == "GET") {
+        if (const GetRoute* route = find_get_route(server, url)) return route->path;
+    }
+    return "other";
+}
+
+MHD_Result dispatch_get(const HttpServer& server, MHD_Connection* connection,
+                        const std::string& url) {
+    const GetRoute* route = find_get_route(server, url);
+    if (route == nullptr) {
+        return send_html_page(connection, "Error : Unknown request " + url, false, 404);
+    }
+    QueryArguments arguments = arguments_of(connection);
+    try {
+        return route->handler(GetRequest{connection, url, arguments});
+    } catch (const std::exception& error) {
+        return send_html_page(connection, error.what(), false, 500);
+    }
 }
 
 // True when the client is this machine: its address is loopback or the configured host.
@@ -174,6 +205,9 @@ MHD_Result handle_request(const HttpServer& server, MHD_Connection* connection,
         if (record == nullptr) return MHD_NO;
         record->type =
             method == "POST" ? ConnectionRecord::Type::kPost : ConnectionRecord::Type::kGet;
+        record->method_label = method_label(method);
+        record->endpoint_label = endpoint_label(server, method, url);
+        record->started = std::chrono::steady_clock::now();
         if (method == "POST" && url == "/analyzeCapture") {
             bool refused = false;
             MHD_Result result = admit_upload(connection, record, refused);
@@ -231,9 +265,18 @@ MHD_Result access_handler(void* server, MHD_Connection* connection, const char* 
     return MHD_NO;
 }
 
-void request_completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode) {
+void count_completed(MHD_Connection* connection, const ConnectionRecord& record) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_HTTP_STATUS);
+    const int status = info != nullptr ? static_cast<int>(info->http_status) : 0;
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - record.started;
+    metrics::count_request(record.method_label, record.endpoint_label, status, elapsed.count());
+}
+
+void request_completed(void*, MHD_Connection* connection, void** slot, MHD_RequestTerminationCode) {
     auto* record = static_cast<ConnectionRecord*>(*slot);
     if (record == nullptr) return;
+    count_completed(connection, *record);
     end_upload(*record);
     // Still open here means the last chunk never came: the stored file is incomplete.
     if (record->upload.discard_file()) LOG_NORMAL("Request completed: Closed upload file");

@@ -13,6 +13,7 @@
 #include "http/httpserver.h"
 #include "http/uploadendpoint.h"
 #include "session/sessionendpoints.h"
+#include "http/metricsendpoint.h"
 
 namespace vistrel::http {
 
@@ -74,6 +75,8 @@ std::vector<GetRoute> HttpServer::make_get_routes() {
         {"/getAvailability", false, replying(session::handle_availability)},
         {"/getLastSession", false,
          replying([this] { return session::handle_last_session(*session_); })},
+        {"/metrics", false,
+         [this](const GetRequest& request) { return handle_metrics(request, *firmware_updater_); }},
     };
 }
 

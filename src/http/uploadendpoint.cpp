@@ -17,6 +17,7 @@
 #include "session/replies.h"
 #include "session/startrequest.h"
 #include "startup/configuration.h"
+#include "metrics/servermetrics.h"
 #include "startup/logger.h"
 
 namespace vistrel::http {
@@ -194,6 +195,7 @@ MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bo
     // The session's reply under the upload's command text: code 3 (busy) or 6 (disk).
     auto turn_away = [&](const char* message, uint32_t code, int status) {
         refused = true;
+        metrics::count_request("POST", "/analyzeCapture", status, 0);
         delete record;
         return send_text(connection, session::message_document(message, "AnalyzeCapture", code),
                          status);
@@ -223,6 +225,7 @@ MHD_Result admit_upload(MHD_Connection* connection, ConnectionRecord* record, bo
     }
     LOG_NORMAL("Iteratepost postprocessor made");
     ++g_uploads;
+    metrics::uploads_in_flight().add(1);
     LOG_NORMAL("Number of uploading clients increased to: %u", g_uploads.load());
     return MHD_YES;
 }
@@ -233,6 +236,7 @@ void end_upload(ConnectionRecord& record) {
     record.post_processor = nullptr;
     LOG_NORMAL("Destroyed postprocessor");
     --g_uploads;
+    metrics::uploads_in_flight().add(-1);
     LOG_NORMAL("Number of uploading clients decreased to: %u", g_uploads.load());
 }
 

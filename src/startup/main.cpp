@@ -12,6 +12,7 @@
 #include "startup/commandline.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
+#include "startup/servicenotify.h"
 #include "startup/stopwait.h"
 
 namespace {
@@ -20,6 +21,7 @@ using vistrel::configuration;
 using vistrel::Configuration;
 
 int shut_down() {
+    vistrel::notify_stopping();
     LOG_WARNING("Closing Server...");
     vistrel::http::HttpServer::instance().stop_daemon();
     sqlite3_shutdown();
@@ -135,9 +137,11 @@ int main(int argc, char** argv) {
                       << "\n"
                       << std::flush;
         LOG_NORMAL("Server running, waiting for signal");
+        vistrel::notify_ready();
         pipe.wait_for_signal();
     } else if (config.mode == "debug") {
         LOG_NORMAL("Server running, press any key to stop....");
+        vistrel::notify_ready();
         vistrel::wait_for_key_or_stop_signal();
     }
     return shut_down();

@@ -6,8 +6,9 @@
 # types shared by all and may be included from anywhere).
 cmake_minimum_required(VERSION 3.25)
 
-set(LAYERS host startup capture searchindex dashboard database devices engine session http
+set(LAYERS metrics host startup capture searchindex dashboard database devices engine session http
            watchkeep)
+set(ALLOWED_metrics "")
 set(ALLOWED_host "")
 set(ALLOWED_startup host)
 set(ALLOWED_capture host startup)
@@ -17,7 +18,7 @@ set(ALLOWED_database host startup capture)
 set(ALLOWED_devices host startup)
 set(ALLOWED_engine host startup)
 set(ALLOWED_session host startup capture searchindex database devices engine)
-set(ALLOWED_http host startup capture searchindex dashboard database devices engine session)
+set(ALLOWED_http metrics host startup capture searchindex dashboard database devices engine session)
 set(ALLOWED_watchkeep host startup capture searchindex)
 
 if(NOT SOURCE_DIR)
