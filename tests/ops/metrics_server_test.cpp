@@ -1,5 +1,6 @@
 // GET /metrics through the real program, read by the Prometheus reference parser: the counters
 // follow the requests, downloads, registrations and clean-ups made.
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <thread>
@@ -76,7 +77,17 @@ TEST_F(MetricsServerTest, CountersFollowTheRequestsMade) {
     const std::string filtered = download("&var-Filters=L4_DST_PORT%7C%3D%7C53");
     ASSERT_EQ(http_.get("/cleanup?es_index=vistrel").status, 200);
 
-    const Samples after = scrape();
+    // A request is counted when libmicrohttpd reports it complete, which may come just after the
+    // client has read the whole reply: wait (bounded) until both downloads are done.
+    Samples after = scrape();
+    const nlohmann::json capture_done = {{"endpoint", "/getCapture"}, {"le", "+Inf"}};
+    for (int wait = 0; wait < 100 && (value(after, "vistrel_downloads_in_flight") != 0 ||
+                                      value(after, "vistrel_http_request_duration_seconds_bucket",
+                                            capture_done) < 2);
+         ++wait) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        after = scrape();
+    }
     const nlohmann::json status_ok = {{"endpoint", "/getStatus"}, {"status", "200"}};
     EXPECT_EQ(value(after, "vistrel_http_requests_total", status_ok) -
                   std::max(0.0, value(before, "vistrel_http_requests_total", status_ok)),
