@@ -80,25 +80,16 @@ TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
     }
 }
 
+// The catalogue's own errors are checked on its reader; here: read once, before serving.
 TEST(Lifecycle, FirmwareCatalogueProblemsAreLoggedOnceAtStart) {
     ServerProcess server;
     const std::string catalogue = server.quellwick_root() + "/tidewell/firmware/firmware.xml";
-    const std::vector<std::string> arguments = {"--mode", "stop", "--port",
-                                                std::to_string(server.port())};
     std::filesystem::remove(catalogue);
-    server.run(arguments);
-    std::string log = server.log();
+    server.run({"--mode", "stop", "--port", std::to_string(server.port())});
+    const std::string log = server.log();
     EXPECT_EQ(count_of(log, "ERROR: Could not open Firwmare.xml at: " + catalogue + "\n"), 1u)
         << log;
     EXPECT_LT(log.find("Firwmare.xml"), log.find("Received STOP command"));
-
-    write_file(catalogue, "<devices><device name=\"x\"</devices>");
-    server.run(arguments);
-    log = server.log();
-    EXPECT_EQ(count_of(log, "XML [" + catalogue + "] parsed with errors"), 1u) << log;
-    EXPECT_TRUE(contains(log, "XML Error Description: "));
-    EXPECT_TRUE(contains(log, "XML Error Offset: 25\n")) << log;
-    EXPECT_LT(log.find("XML Error Offset"), log.find("Received STOP command"));
 }
 
 TEST(Lifecycle, StopModeStartsEverythingAndClosesAtOnce) {
