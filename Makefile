@@ -6,7 +6,7 @@ FUZZ_DIR := build/fuzz
 STAGE_ROOT := $(abspath $(RELEASE_DIR))/quellwick
 PORT ?= 8081
 
-.PHONY: all deps build run test bench stress fuzz format clean package
+.PHONY: all deps build run test demo bench stress fuzz format clean package
 
 all: build
 
@@ -31,11 +31,18 @@ test: deps
 	cmake --build $(ASAN_DIR) -j$(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j$(JOBS) --timeout 600
 
+# One capture from start to finish (server, engine, a simulated device, lo), step by step.
+# Live capture needs root; a private PID namespace keeps other engines of the machine out of it.
+demo: build
+	cmake --build $(RELEASE_DIR) -j$(JOBS) --target capture_engine_demo
+	unshare --pid --fork --mount-proc $(RELEASE_DIR)/tests/watchkeep/capture_engine_demo
+
 bench:
 	./scripts/install-deps.sh --bench
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(RELEASE_DIR) -j$(JOBS)
 	./bench/run-bench.sh $(RELEASE_DIR)
+	./bench/live-capture-bench.sh $(RELEASE_DIR)
 	./bench/run-index-bench.sh $(RELEASE_DIR)
 
 # Reliability probes against a real server on loopback; prints a table of probe, figure, verdict.
@@ -49,7 +56,7 @@ fuzz:
 	cmake --build $(FUZZ_DIR) -j$(JOBS) --target fuzzers
 
 format:
-	find src include sim tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+	find src include sim watchkeep tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
 	rm -rf build

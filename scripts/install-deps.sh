@@ -7,7 +7,7 @@ libcurl4-openssl-dev nlohmann-json3-dev libpugixml-dev libgtest-dev libgmock-dev
 libbenchmark-dev libpcap-dev tshark wireshark-common curl openssl libsystemd-dev systemd dpkg-dev \
 python3 python3-prometheus-client python3-yaml"
 if [ "${1:-}" = "--bench" ]; then
-    PACKAGES="$PACKAGES nginx-light softflowd argus-server libpcap-dev"
+    PACKAGES="$PACKAGES nginx-light tcpreplay softflowd argus-server"
 fi
 if [ "${1:-}" = "--stress" ]; then
     PACKAGES="$PACKAGES python3"

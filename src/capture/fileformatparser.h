@@ -24,6 +24,8 @@ class FileFormatParser {
     // The next packet of the file; nothing at the end of the file or after any error, and
     // nothing ever after that.
     std::optional<Packet> next_packet();
+    // The same into `packet`, reusing its storage (no allocation per packet); false at the end.
+    bool next_packet(Packet& packet) { return fetch(packet); }
 
     // A copy of the 92-byte header that begins every extract.
     virtual std::vector<uint8_t> output_file_header() const;
@@ -37,6 +39,9 @@ class FileFormatParser {
 
     // True when the file begins like a file of this format.
     virtual bool check_header() = 0;
+
+    // The LINKTYPE_* of the packet delivered last (1, Ethernet, before the first).
+    virtual uint32_t link_type() const { return 1; }
 
     // Opens the file on first use and reads at the stored offset: the count read, 0 at the end
     // of the file, negative on error.

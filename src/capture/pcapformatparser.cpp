@@ -15,6 +15,11 @@ bool PcapFormatParser::check_header() {
     return magic == kMicrosecondMagic || magic == kNanosecondMagic;
 }
 
+uint32_t PcapFormatParser::link_type() const {
+    // The upper bits of the header's link-type word carry FCS information.
+    return header_read_ ? load_u32(global_header_.data() + 20) & 0xFFFF : 1;
+}
+
 bool PcapFormatParser::read_packet(Packet& packet) {
     if (!header_read_) {
         seek(0);

@@ -18,6 +18,7 @@ class PcapFormatParser : public FileFormatParser {
     using FileFormatParser::FileFormatParser;
 
     bool check_header() override;
+    uint32_t link_type() const override;
 
   protected:
     bool read_packet(Packet& packet) override;

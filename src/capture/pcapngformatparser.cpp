@@ -85,6 +85,9 @@ bool PcapngFormatParser::read_packet(Packet& packet) {
     const uint8_t resolution = interface_id < interfaces_.size()
                                    ? interfaces_[interface_id].resolution
                                    : kDefaultResolution;
+    link_type_ = interface_id < interfaces_.size() && interfaces_[interface_id].block.size() >= 10
+                     ? load_u16(interfaces_[interface_id].block.data() + 8)
+                     : 1;
     const uint64_t raw =
         (uint64_t{load_u32(bytes + kEpbTimestampHigh)} << 32) | load_u32(bytes + kEpbTimestampLow);
     packet.timestamp = to_nanoseconds(raw, resolution);

@@ -22,6 +22,7 @@ class PcapngFormatParser : public FileFormatParser {
     using FileFormatParser::FileFormatParser;
 
     bool check_header() override;
+    uint32_t link_type() const override { return link_type_; }
 
     // Empty until the first packet has been asked for.
     const std::vector<Interface>& interfaces() const { return interfaces_; }
@@ -38,6 +39,7 @@ class PcapngFormatParser : public FileFormatParser {
     void discover_interfaces(std::vector<uint8_t>& block);
 
     bool initialised_ = false;
+    uint32_t link_type_ = 1;
     std::vector<Interface> interfaces_;
 };
 

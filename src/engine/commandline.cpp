@@ -61,6 +61,12 @@ std::string analysis_command_line(const std::string& file_path, const EngineOpti
     return command;
 }
 
+std::vector<std::pair<std::string, std::string>> engine_environment(
+    const EngineOptions& options, const std::string& capture_path) {
+    return {{"VISTREL_SERVER_URL", "http://" + options.server_host + ":" + options.server_port},
+            {"VISTREL_CAPTURE_PATH", capture_path}};
+}
+
 std::vector<std::string> split_command_line(const std::string& command_line) {
     std::vector<std::string> arguments;
     std::string current;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/engineoptions.h"
@@ -34,6 +35,11 @@ std::string live_command_line(const std::vector<EngineDevice>& devices,
 
 // Command line of the analysis of one capture file; empty without options or path.
 std::string analysis_command_line(const std::string& file_path, const EngineOptions* options);
+
+// The environment the engine reads besides its command line: VISTREL_SERVER_URL (this
+// server, as the options name it) and VISTREL_CAPTURE_PATH.
+std::vector<std::pair<std::string, std::string>> engine_environment(
+    const EngineOptions& options, const std::string& capture_path);
 
 // Splits a one-line command the way the Windows C run-time builds argv: blanks separate,
 // double quotes group and are removed; 2n backslashes before a quote give n backslashes,

@@ -11,6 +11,7 @@
 #include "engine/commandline.h"
 #include "engine/engineresult.h"
 #include "host/childprocess.h"
+#include "host/paths.h"
 #include "host/processes.h"
 #include "startup/logger.h"
 
@@ -48,6 +49,7 @@ WatchkeepProcess::WatchkeepProcess(EngineTiming timing) : timing_(timing) {}
 
 WatchkeepProcess::~WatchkeepProcess() {
     replace_child_input(-1);
+    if (child_) child_->detach();
 }
 
 bool WatchkeepProcess::is_running() {
@@ -59,21 +61,43 @@ void WatchkeepProcess::replace_child_input(int fd) {
     if (old >= 0) close(old);
 }
 
-uint32_t WatchkeepProcess::launch(const std::string& command_line) {
+bool WatchkeepProcess::child_ended_cleanly() {
+    std::lock_guard lock(child_mutex_);
+    if (!child_) return false;
+    const std::optional<int> status = child_->exit_status();
+    if (!status) return false;
+    if (*status != 0) {
+        LOG_WARNING("Watchkeep ended with exit code %d (its own log: %s/watchkeep.log)", *status,
+                    host::temp_folder().c_str());
+        // Said once: the next look finds no child.
+        child_.reset();
+        return false;
+    }
+    return true;
+}
+
+void WatchkeepProcess::forget_ended_child() {
+    std::lock_guard lock(child_mutex_);
+    // Collects an engine that has ended; one still running is left alone.
+    if (child_ && child_->exit_status()) child_.reset();
+}
+
+uint32_t WatchkeepProcess::launch(const std::string& command_line, const Environment& environment) {
     if (command_line.empty()) return kEngineInvalidCommand;
     if (is_running()) return kEngineAlreadyRunning;
     LOG_NORMAL("Executing Watchkeep Command : %s", command_line.c_str());
     for (int attempt = 0; attempt < timing_.launch_attempts; ++attempt) {
-        create_process(command_line);
+        create_process(command_line, environment);
         LOG_NORMAL("Waiting 5s for watchkeep to start");
         std::this_thread::sleep_for(timing_.launch_wait);
-        if (is_running()) break;
+        if (is_running() || child_ended_cleanly()) break;
         LOG_WARNING("Watchkeep failed to start, retrying...");
     }
-    return is_running() ? kEngineDone : kEngineError;
+    return is_running() || child_ended_cleanly() ? kEngineDone : kEngineError;
 }
 
-void WatchkeepProcess::create_process(const std::string& command_line) {
+void WatchkeepProcess::create_process(const std::string& command_line,
+                                      const Environment& environment) {
     std::vector<std::string> arguments =
         split_command_line(command_line.substr(0, kMaxCommandLine));
     // Own process group, default signal handling and nothing blocked, whatever the server
@@ -84,19 +108,23 @@ void WatchkeepProcess::create_process(const std::string& command_line) {
     options.error = host::ChildProcess::Stream::kNull;
     options.new_process_group = true;
     options.search_path = true;
-    host::ChildProcess child;
-    if (!child.start(arguments, options)) {
-        if (child.failure() == host::ChildProcess::Failure::kInputPipe) {
+    options.environment = environment;
+    auto child = std::make_unique<host::ChildProcess>();
+    if (!child->start(arguments, options)) {
+        if (child->failure() == host::ChildProcess::Failure::kInputPipe) {
             LOG_ERROR("Could not create child input pipe (STDIN)");
         } else {
-            LOG_ERROR("Could not start Quillmarsh process: %d", child.error());
+            LOG_ERROR("Could not start Quillmarsh process: %d", child->error());
         }
         return;
     }
     // The engine outlives this call; its input pipe (close-on-exec, so closing it here really
-    // ends the engine's input) is what stop() writes to.
-    replace_child_input(child.input().release());
-    child.detach();
+    // ends the engine's input) is what stop() writes to. The child is kept to learn how it
+    // ended; an earlier one still running is left to itself.
+    replace_child_input(child->input().release());
+    std::lock_guard lock(child_mutex_);
+    if (child_ && child_->running()) child_->detach();
+    child_ = std::move(child);
 }
 
 uint32_t WatchkeepProcess::stop() {
@@ -119,6 +147,7 @@ uint32_t WatchkeepProcess::stop() {
     }
     if (!is_running()) {
         LOG_WARNING("Killed watchkeep gracefully (WINDOWS)");
+        forget_ended_child();
         return kEngineDone;
     }
     LOG_WARNING("Killing watchkeep - Going to try hand kill");
@@ -127,6 +156,7 @@ uint32_t WatchkeepProcess::stop() {
         return kEngineError;
     }
     LOG_WARNING("Killed Watchkeep by name");
+    forget_ended_child();
     return kEngineDone;
 }
 

@@ -3,7 +3,15 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
+
+namespace vistrel::host {
+class ChildProcess;
+}
 
 namespace vistrel::engine {
 
@@ -30,10 +38,14 @@ class WatchkeepProcess {
     WatchkeepProcess(const WatchkeepProcess&) = delete;
     WatchkeepProcess& operator=(const WatchkeepProcess&) = delete;
 
-    // Starts the engine and waits for it to show up: an EngineResult (0, 1, 2 or 3).
-    uint32_t launch(const std::string& command_line);
-    // One attempt at starting the child with a pipe on its standard input; failures are logged.
-    void create_process(const std::string& command_line);
+    using Environment = std::vector<std::pair<std::string, std::string>>;
+
+    // Starts the engine and waits for it to show up: an EngineResult (0, 1, 2 or 3). A child
+    // that has already ended with status 0 by then (a short analysis) counts as started.
+    uint32_t launch(const std::string& command_line, const Environment& environment = {});
+    // One attempt at starting the child with a pipe on its standard input and `environment`
+    // added to the server's; failures are logged.
+    void create_process(const std::string& command_line, const Environment& environment = {});
     // "STOP\r\n" on the engine's input, a grace period, then kill by name: 0 or 1.
     uint32_t stop();
 
@@ -41,9 +53,14 @@ class WatchkeepProcess {
 
   private:
     void replace_child_input(int fd);
+    // True when the last child started has ended with exit status 0; logs any other end.
+    bool child_ended_cleanly();
+    void forget_ended_child();
 
     EngineTiming timing_;
     std::atomic<int> child_input_{-1};
+    std::mutex child_mutex_;
+    std::unique_ptr<host::ChildProcess> child_;
 };
 
 }  // namespace vistrel::engine

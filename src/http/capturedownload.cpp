@@ -83,7 +83,9 @@ MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::Ex
         return result;
     }
     const bool filtered = job->filtered();
-    auto download = std::make_unique<Download>(std::move(job), filtered ? "filtered" : "direct");
+    // Counted as filtered whichever way the filter is applied (libpcap or tshark).
+    const bool selecting = job->path() != capture::ExtractionJob::Path::kDirect;
+    auto download = std::make_unique<Download>(std::move(job), selecting ? "filtered" : "direct");
     MHD_Response* response = MHD_create_response_from_callback(
         MHD_SIZE_UNKNOWN, kBlockSize, filtered ? read_filtered : read_direct, download.get(),
         free_download);

@@ -12,6 +12,7 @@
 #include "engine/commandline.h"
 #include "engine/engineresult.h"
 #include "host/disk.h"
+#include "host/interfaces.h"
 #include "searchindex/searchindexclient.h"
 #include "session/devicedocuments.h"
 #include "session/sessionresult.h"
@@ -116,7 +117,13 @@ Reply VistrelSession::answer(uint32_t code, int command, uint32_t engine_result,
     document.command = command_name(command);
     document.engine_result = engine_result;
     for (const auto& interface : interfaces_) {
-        document.interfaces.push_back({interface.mac, interface.name, "", "No errors"});
+        auto error = interface_errors_.find(interface.name);
+        if (error == interface_errors_.end()) {
+            document.interfaces.push_back({interface.mac, interface.name, "", "No errors"});
+        } else {
+            document.interfaces.push_back(
+                {interface.mac, interface.name, error->second, error->second});
+        }
     }
     document.tidewells = lines;
     return {command_document(document), session_status(code, 200)};
@@ -172,6 +179,7 @@ Reply VistrelSession::start_capture(StartRequest request) {
     interfaces_ = std::move(request.interfaces);
     options_ = std::move(request.options);
     analysis_path_.clear();
+    interface_errors_.clear();
 
     if (!is_enough_disk_space()) {
         LOG_WARNING("[Start Capture] Failed because disk space is not enough");
@@ -182,6 +190,17 @@ Reply VistrelSession::start_capture(StartRequest request) {
         LOG_WARNING(
             "[Start Capture] Failed because we miss information or tidewell_devices for "
             "the capture");
+        return answer(kSessionInternalProblem, kCommandStart, engine::kEngineNotExecuted,
+                      device_lines(nullptr));
+    }
+    for (const auto& interface : interfaces_) {
+        if (!host::adapter_exists(interface.name)) {
+            interface_errors_[interface.name] =
+                "Network interface '" + interface.name + "' does not exist on this machine";
+        }
+    }
+    if (!interface_errors_.empty()) {
+        LOG_WARNING("[Start Capture] Failed because a requested network interface does not exist");
         return answer(kSessionInternalProblem, kCommandStart, engine::kEngineNotExecuted,
                       device_lines(nullptr));
     }
@@ -226,7 +245,8 @@ Reply VistrelSession::start_capture(StartRequest request) {
     for (const auto& interface : interfaces_) interface_names.push_back(interface.name);
     options_->extra = engine::live_command_line(engine_devices, interface_names, &*options_);
 
-    uint32_t launched = engine_.launch(options_->extra);
+    uint32_t launched = engine_.launch(
+        options_->extra, engine::engine_environment(*options_, configuration().capture_path));
     bool present = false;
     for (int check = 0; check < kPresenceChecks && !present; ++check) {
         std::this_thread::sleep_for(pause_);
@@ -285,6 +305,7 @@ Reply VistrelSession::start_capture(StartRequest request) {
 Reply VistrelSession::start_analysis(StartRequest request, const std::string& file_path) {
     std::lock_guard command_lock(command_mutex_);
     LOG_NORMAL("Start pcap analysys command received");
+    interface_errors_.clear();
     devices_.clear();
     interfaces_.clear();
     options_ = std::move(request.options);
@@ -298,7 +319,8 @@ Reply VistrelSession::start_analysis(StartRequest request, const std::string& fi
         return answer(kSessionInternalProblem, kCommandAnalyze, engine::kEngineNotExecuted, {});
     }
     options_->extra = engine::analysis_command_line(analysis_path_, &*options_);
-    uint32_t launched = engine_.launch(options_->extra);
+    uint32_t launched = engine_.launch(
+        options_->extra, engine::engine_environment(*options_, configuration().capture_path));
     uint32_t code = kSessionDone;
     if (launched == engine::kEngineInvalidCommand) code = kSessionInternalProblem;
     if (launched == engine::kEngineAlreadyRunning) code = kSessionAlreadyRunning;
@@ -309,6 +331,7 @@ Reply VistrelSession::start_analysis(StartRequest request, const std::string& fi
 Reply VistrelSession::stop_capture(std::optional<StartRequest> request) {
     std::lock_guard command_lock(command_mutex_);
     LOG_NORMAL("Stop capture command received");
+    interface_errors_.clear();
     // A stop names some devices, or else means the devices of the running capture. The
     // capture's own list stays, so a later stop of everything still knows all of them.
     const bool partial = request.has_value();

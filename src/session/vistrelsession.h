@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -75,6 +76,8 @@ class VistrelSession {
     // The devices and interfaces of the command being answered.
     std::vector<devices::StatsThreadInfo> devices_;
     std::vector<host::NetworkInterface> interfaces_;
+    // Why a requested interface cannot be captured, by name; shown in the reply's line.
+    std::map<std::string, std::string> interface_errors_;
     // Those of the capture that runs, which a stop without a list ends.
     std::vector<devices::StatsThreadInfo> running_devices_;
     std::vector<host::NetworkInterface> running_interfaces_;

@@ -101,6 +101,17 @@ TEST_F(EngineProcessTest, EngineThatNeverShowsUpCostsFiveAttempts) {
     EXPECT_EQ(process.launch(command()), kEngineError);
     EXPECT_EQ(count("Waiting 5s for watchkeep to start"), 5u);
     EXPECT_EQ(count("Watchkeep failed to start, retrying..."), 5u);
+    EXPECT_EQ(count("Watchkeep ended with exit code 1"), 5u);
+}
+
+TEST_F(EngineProcessTest, EngineDoneBeforeTheLookIsStartedOnceWithItsEnvironment) {
+    engine.set_mode("done");
+    WatchkeepProcess process(fast);
+    EXPECT_EQ(process.launch(command(), {{"VISTREL_SERVER_URL", "http://127.0.0.1:1234"}}),
+              kEngineDone);
+    EXPECT_EQ(count("Waiting 5s for watchkeep to start"), 1u);
+    EXPECT_EQ(count("Watchkeep failed to start"), 0u);
+    EXPECT_EQ(engine.environment("VISTREL_SERVER_URL"), "http://127.0.0.1:1234");
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ class StandinEngine {
 
     const std::filesystem::path& folder() const { return folder_; }
 
-    // "" (wait for the stop line), "ignore" or "exit".
+    // "" (wait for the stop line), "ignore", "exit" (status 1) or "done" (status 0).
     void set_mode(const std::string& mode) const {
         std::ofstream(folder_ / "mode", std::ios::trunc) << mode;
     }
@@ -49,6 +49,15 @@ class StandinEngine {
         std::vector<std::string> lines;
         for (std::string line; std::getline(file, line);) lines.push_back(line);
         return lines;
+    }
+
+    // A VISTREL_* variable of the last run's environment ("" when unset).
+    std::string environment(const std::string& name) const {
+        std::ifstream file(folder_ / "environment.txt");
+        for (std::string line; std::getline(file, line);) {
+            if (line.rfind(name + "=", 0) == 0) return line.substr(name.size() + 1);
+        }
+        return "";
     }
 
     // What arrived on standard input before the stand-in ended on the stop line.

@@ -82,6 +82,9 @@ TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
     offline.options->es_port = std::to_string(ElasticsearchStandIn::closed_port());
     StartRequest no_options = request_for({1});
     no_options.options.reset();
+    StartRequest no_interface = request_for({1});
+    no_interface.interfaces.push_back({"lo", 0, ""});
+    no_interface.interfaces.push_back({"nosuch7", 1, ""});
     const std::vector<std::tuple<StartRequest, int, std::string>> cases = {
         {request_for({1, 2, 3, 4, 5, 6, 7}), 400, "maximum 6 tidewell_devices allowed"},
         {missing, 503,
@@ -92,6 +95,9 @@ TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
          "Elasticsearch from capture machine at 127.0.0.1:" + offline.options->es_port +
              " is offline"},
         {no_options, 500, "Unable to start capture, internal problems"},
+        {no_interface, 500,
+         "{\"name\":\"nosuch7\",\"errors\":\"Network interface 'nosuch7' does not exist on "
+         "this machine\""},
     };
     for (const auto& [request, status, text] : cases) {
         Reply reply = session.start_capture(request);
@@ -105,17 +111,17 @@ TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
 
 TEST_F(SessionTest, StartStopSomeThenStopAll) {
     StartRequest request = request_for({1, 2});
-    request.interfaces.push_back({"eth7", 0, ""});
+    request.interfaces.push_back({"lo", 0, ""});
     Reply reply = session.start_capture(request);
     ASSERT_EQ(reply.status, 200) << reply.text;
-    EXPECT_NE(reply.text.find("\"interfaces\":[{\"name\":\"eth7\",\"errors\":\"\",\"message\":"
+    EXPECT_NE(reply.text.find("\"interfaces\":[{\"name\":\"lo\",\"errors\":\"\",\"message\":"
                               "\"No errors\"}]"),
               std::string::npos)
         << reply.text;
     EXPECT_EQ(calls_of("disk_dump_start"), 2u);
 
     auto arguments = standin.arguments();
-    EXPECT_NE(std::find(arguments.begin(), arguments.end(), "eth7"), arguments.end());
+    EXPECT_NE(std::find(arguments.begin(), arguments.end(), "lo"), arguments.end());
 
     reply = session.stop_capture(request_for({1}, false));
     EXPECT_EQ(reply.status, 200);

@@ -343,6 +343,8 @@ TEST_F(IndexingTest, EveryRecordFieldIsADashboardFilterThatFindsItsPackets) {
             for (const auto& [key, value] : document.items()) {
                 if (key == "@timestamp") continue;
                 fields.insert(key);
+                // A download takes the source from INTERFACE itself: it is no display filter.
+                if (key == "INTERFACE") continue;
                 std::string text = value.is_string() ? value.get<std::string>() : value.dump();
                 if (key == "DNS_QUERY" || key.rfind("HTTP_", 0) == 0) text = "\"" + text + "\"";
                 EXPECT_NE(dashboard::translate_filters({{key, "=", text}}, false, rules), "")

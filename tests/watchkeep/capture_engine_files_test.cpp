@@ -1,0 +1,250 @@
+// Capture files on the engine's side: the rotating files of a live interface, the device folders
+// it watches, and the registration of finished files with the server.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "capture/pcapngwriter.h"
+#include "filereporter.h"
+#include "filesummary.h"
+#include "folderwatcher.h"
+#include "rotatingcapturefile.h"
+#include "sourceerror.h"
+#include "support/elasticsearch_standin.h"
+#include "support/temp_dir.h"
+
+namespace vistrel::watchkeep {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using testing::ElasticsearchStandIn;
+
+constexpr uint64_t kSecond = 1'000'000'000ULL;
+// 2026-11-23 10:00:00 UTC
+constexpr uint64_t kTen = 1795428000ULL * kSecond;
+
+template <typename Condition>
+bool eventually(Condition done, int seconds = 10) {
+    for (int i = 0; i < seconds * 50; ++i) {
+        if (done()) return true;
+        std::this_thread::sleep_for(milliseconds(20));
+    }
+    return done();
+}
+
+std::vector<uint8_t> frame(uint8_t mark) {
+    std::vector<uint8_t> bytes(60, 0);
+    bytes[12] = 0x08;  // IPv4
+    bytes[59] = mark;
+    return bytes;
+}
+
+TEST(RotatingCaptureFile, NamesRotatesAndDescribesEveryFile) {
+    testing::TempDir folder;
+    std::vector<FileSummary> closed;
+    {
+        RotatingCaptureFile files(folder.path(), "eth0", 1, 60 * kSecond,
+                                  [&](const FileSummary& summary) { closed.push_back(summary); });
+        // Nothing captured yet: no file at all.
+        files.tick(kTen + 120 * kSecond);
+        EXPECT_TRUE(fs::is_empty(folder.path()));
+
+        auto a = frame(1);
+        ASSERT_TRUE(files.write(kTen + 5, a.data(), 60, kTen));
+        ASSERT_TRUE(files.write(kTen + 3, a.data(), 60, kTen + 1));  // out of order
+        ASSERT_TRUE(files.write(kTen + 59 * kSecond, a.data(), 60, kTen + 59 * kSecond));
+        files.tick(kTen + 59 * kSecond);
+        EXPECT_TRUE(closed.empty());
+        files.tick(kTen + 60 * kSecond);
+        ASSERT_EQ(closed.size(), 1u);
+        // Idle for a while: the next packet opens the next number at its own time.
+        ASSERT_TRUE(files.write(kTen + 200 * kSecond, a.data(), 60, kTen + 200 * kSecond));
+    }
+    ASSERT_EQ(closed.size(), 2u);
+    EXPECT_EQ(closed[0].path, folder.path() + "/eth0_20261123_100000_00001.pcapng");
+    EXPECT_EQ(closed[0].first_ns, kTen + 3);
+    EXPECT_EQ(closed[0].last_ns, kTen + 59 * kSecond);
+    EXPECT_EQ(closed[0].packets, 3u);
+    EXPECT_EQ(closed[1].path, folder.path() + "/eth0_20261123_100320_00002.pcapng");
+
+    // What was reported is what the capture readers find in the file.
+    for (const auto& summary : closed) {
+        std::optional<FileSummary> read = read_capture_file(summary.path, nullptr);
+        ASSERT_TRUE(read.has_value());
+        EXPECT_EQ(read->first_ns, summary.first_ns);
+        EXPECT_EQ(read->last_ns, summary.last_ns);
+        EXPECT_EQ(read->packets, summary.packets);
+    }
+}
+
+TEST(RotatingCaptureFile, NeverOverwritesAFileOfAnEarlierRun) {
+    testing::TempDir folder;
+    testing::write_file(folder.file("lo_20261123_100000_00001.pcapng"), "earlier");
+    std::vector<FileSummary> closed;
+    {
+        RotatingCaptureFile files(folder.path(), "lo", 1, 60 * kSecond,
+                                  [&](const FileSummary& summary) { closed.push_back(summary); });
+        auto a = frame(2);
+        ASSERT_TRUE(files.write(kTen, a.data(), 60, kTen));
+    }
+    EXPECT_EQ(testing::read_file(folder.file("lo_20261123_100000_00001.pcapng")), "earlier");
+    ASSERT_EQ(closed.size(), 1u);
+    EXPECT_EQ(closed[0].path, folder.path() + "/lo_20261123_100000_00002.pcapng");
+}
+
+TEST(RotatingCaptureFile, AFolderThatCannotBeWrittenDropsPacketsWithoutFiles) {
+    std::vector<FileSummary> closed;
+    RotatingCaptureFile files("/proc/no-such-folder", "lo", 1, 60 * kSecond,
+                              [&](const FileSummary& summary) { closed.push_back(summary); });
+    auto a = frame(3);
+    EXPECT_FALSE(files.write(kTen, a.data(), 60, kTen));
+    files.close();
+    EXPECT_TRUE(closed.empty());
+}
+
+class FolderWatcherTest : public ::testing::Test {
+  protected:
+    void record(size_t folder, const std::string& path) {
+        std::lock_guard lock(mutex);
+        handed.emplace_back(folder, path);
+    }
+    std::vector<std::pair<size_t, std::string>> seen() {
+        std::lock_guard lock(mutex);
+        return handed;
+    }
+
+    testing::TempDir root;
+    std::mutex mutex;
+    std::vector<std::pair<size_t, std::string>> handed;
+};
+
+TEST_F(FolderWatcherTest, HandsOverClosedMovedAndStillOpenCaptureFiles) {
+    const std::string left = root.file("left");
+    const std::string right = root.file("right");  // created by the watcher
+    fs::create_directories(left);
+    FolderWatcher watcher({left, right},
+                          [this](size_t folder, const std::string& path) { record(folder, path); });
+    watcher.start();
+    ASSERT_TRUE(fs::is_directory(right));
+
+    testing::write_file(left + "/a.pcapng", "x");
+    testing::write_file(left + "/notes.txt", "not a capture");
+    testing::write_file(root.file("moved.pcap"), "y");
+    fs::rename(root.file("moved.pcap"), right + "/moved.pcap");
+    ASSERT_TRUE(eventually([this] { return seen().size() == 2; }));
+    EXPECT_EQ(seen()[0], std::make_pair(size_t{0}, left + "/a.pcapng"));
+    EXPECT_EQ(seen()[1], std::make_pair(size_t{1}, right + "/moved.pcap"));
+
+    // A device still writing when the capture stops: its file is taken at stop.
+    std::ofstream open_file(right + "/b.pcapng");
+    open_file << "partial";
+    open_file.flush();
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(seen().size(), 2u);
+    watcher.stop();
+    ASSERT_EQ(seen().size(), 3u);
+    EXPECT_EQ(seen()[2], std::make_pair(size_t{1}, right + "/b.pcapng"));
+}
+
+TEST_F(FolderWatcherTest, AFolderThatCannotBeWatchedIsNamed) {
+    testing::write_file(root.file("plain"), "a file where a folder should be");
+    try {
+        FolderWatcher watcher({root.file("ok"), root.file("plain")},
+                              [](size_t, const std::string&) {});
+        FAIL() << "watching a plain file";
+    } catch (const SourceError& error) {
+        EXPECT_NE(std::string(error.what()).find(root.file("plain")), std::string::npos)
+            << error.what();
+    }
+}
+
+class FileReporterTest : public ::testing::Test {
+  protected:
+    FileSummary summary(const std::string& name, uint64_t packets = 4) const {
+        return {folder.file(name), kTen + 1, kTen + 2 * kSecond, packets};
+    }
+    std::vector<std::string> add_file_queries() const {
+        std::vector<std::string> queries;
+        for (const auto& request : server.requests()) {
+            if (request.path == "/addFile") queries.push_back(request.query);
+        }
+        return queries;
+    }
+
+    testing::TempDir folder;
+    ElasticsearchStandIn server;  // records every request, whatever its path
+    std::string spool = folder.file(".watchkeep-spool");
+};
+
+TEST_F(FileReporterTest, RegistersFilesInOrderAndSkipsEmptyOnes) {
+    {
+        FileReporter reporter(server.address(), "vistrel", spool);
+        reporter.report(summary("a b.pcapng"), "lo");
+        reporter.report(summary("empty.pcapng", 0), "lo");
+        reporter.report(summary("c.pcapng"), "left&right");
+        EXPECT_TRUE(reporter.finish(milliseconds(3000)));
+    }
+    const auto queries = add_file_queries();
+    ASSERT_EQ(queries.size(), 2u);
+    EXPECT_EQ(queries[0], "file_path=" + folder.file("a b.pcapng") +
+                              "&start_ts=1795428000000000001&end_ts=1795428002000000000"
+                              "&n_packets=4&source=lo&es_index=vistrel");
+    EXPECT_NE(queries[1].find("source=left&right&es_index"), std::string::npos) << queries[1];
+    EXPECT_FALSE(fs::exists(spool + "/reports"));
+}
+
+TEST_F(FileReporterTest, ReportsWaitOnDiskUntilTheServerTakesThem) {
+    // The server does not answer: the reports survive the run.
+    {
+        FileReporter reporter(
+            "http://127.0.0.1:" + std::to_string(ElasticsearchStandIn::closed_port()), "vistrel",
+            spool);
+        reporter.report(summary("1.pcapng"), "lo");
+        reporter.report(summary("2.pcapng"), "lo");
+        EXPECT_FALSE(reporter.finish(milliseconds(500)));
+    }
+    ASSERT_TRUE(fs::exists(spool + "/reports"));
+
+    // It answers with an error: still kept.
+    server.answer(503, "busy");
+    {
+        FileReporter reporter(server.address(), "vistrel", spool);
+        EXPECT_FALSE(reporter.finish(milliseconds(300)));
+    }
+    EXPECT_FALSE(add_file_queries().empty());
+    server.clear();
+
+    // The next run sends them first, in order, before its own.
+    server.answer(200, "Received file");
+    {
+        FileReporter reporter(server.address(), "vistrel", spool);
+        reporter.report(summary("3.pcapng"), "lo");
+        EXPECT_TRUE(reporter.finish(milliseconds(3000)));
+    }
+    const auto queries = add_file_queries();
+    ASSERT_EQ(queries.size(), 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_NE(queries[i].find(std::to_string(i + 1) + ".pcapng"), std::string::npos);
+    }
+    EXPECT_FALSE(fs::exists(spool + "/reports"));
+}
+
+TEST_F(FileReporterTest, ARefusedReportIsNotSentAgain) {
+    server.answer(400, "Error : Bad timestamps given");
+    {
+        FileReporter reporter(server.address(), "vistrel", spool);
+        reporter.report(summary("bad.pcapng"), "lo");
+        EXPECT_TRUE(reporter.finish(milliseconds(3000)));
+    }
+    EXPECT_EQ(add_file_queries().size(), 1u);
+    EXPECT_FALSE(fs::exists(spool + "/reports"));
+}
+
+}  // namespace
+}  // namespace vistrel::watchkeep
