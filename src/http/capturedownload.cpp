@@ -51,18 +51,12 @@ struct Download {
     DownloadMeter meter;
 };
 
-ssize_t read_direct(void* cls, uint64_t, char* buffer, size_t maximum) {
+// The library's content reader over one of the job's two ways of producing the stream.
+template <int64_t (capture::ExtractionJob::*Read)(uint8_t*, size_t)>
+ssize_t read_block(void* cls, uint64_t, char* buffer, size_t maximum) {
     auto& download = *static_cast<Download*>(cls);
     const ssize_t result =
-        reader_result(download.job->read_direct(reinterpret_cast<uint8_t*>(buffer), maximum));
-    download.meter.sent(buffer, result);
-    return result;
-}
-
-ssize_t read_filtered(void* cls, uint64_t, char* buffer, size_t maximum) {
-    auto& download = *static_cast<Download*>(cls);
-    const ssize_t result =
-        reader_result(download.job->read_filtered(reinterpret_cast<uint8_t*>(buffer), maximum));
+        reader_result(((*download.job).*Read)(reinterpret_cast<uint8_t*>(buffer), maximum));
     download.meter.sent(buffer, result);
     return result;
 }
@@ -87,8 +81,10 @@ MHD_Result queue_extract(MHD_Connection* connection, std::unique_ptr<capture::Ex
     const bool selecting = job->path() != capture::ExtractionJob::Path::kDirect;
     auto download = std::make_unique<Download>(std::move(job), selecting ? "filtered" : "direct");
     MHD_Response* response = MHD_create_response_from_callback(
-        MHD_SIZE_UNKNOWN, kBlockSize, filtered ? read_filtered : read_direct, download.get(),
-        free_download);
+        MHD_SIZE_UNKNOWN, kBlockSize,
+        filtered ? read_block<&capture::ExtractionJob::read_filtered>
+                 : read_block<&capture::ExtractionJob::read_direct>,
+        download.get(), free_download);
     if (response == nullptr) return MHD_NO;
     download.release();
     MHD_add_response_header(response, "Content-Type", "application/x-pcapng");
