@@ -26,21 +26,6 @@ CaptureQuery make_query(uint64_t start, uint64_t end, std::string es_index = "",
     return query;
 }
 
-TEST(CaptureWhereTest, RangeIndexAndSourcesAreJoinedOrderedAndBound) {
-    BoundStatement both = capture_where(make_query(100, 200));
-    EXPECT_EQ(both.text,
-              "( start_ts BETWEEN ? AND ? OR end_ts BETWEEN ? AND ? ) ORDER BY start_ts ASC");
-    EXPECT_EQ(both.values,
-              (std::vector<SqlValue>{int64_t{100}, int64_t{200}, int64_t{100}, int64_t{200}}));
-    BoundStatement all = capture_where(make_query(100, 0, "idx", {"a", "b"}));
-    EXPECT_EQ(all.text, "end_ts >= ? AND es_index = ? AND source IN (?,?) ORDER BY start_ts ASC");
-    EXPECT_EQ(all.values, (std::vector<SqlValue>{int64_t{100}, "idx", "a", "b"}));
-    EXPECT_EQ(capture_where(make_query(0, 200)).text, "start_ts < ? ORDER BY start_ts ASC");
-    EXPECT_EQ(capture_where(make_query(0, 0, "", {"a", "", "b"})).text,
-              "source IN (?,,?) ORDER BY start_ts ASC");
-    EXPECT_TRUE(capture_where(make_query(0, 0)).empty());
-}
-
 class CaptureIndexTest : public DatabaseFixture {
   protected:
     void SetUp() override {

@@ -45,29 +45,9 @@ void FakeDeviceLibrary::set_result(const std::string& function, TidewellAPIRet r
     results_[function] = result;
 }
 
-std::vector<std::string> FakeDeviceLibrary::calls() {
-    std::lock_guard lock(mutex_);
-    return calls_;
-}
-
 void FakeDeviceLibrary::clear_calls() {
     std::lock_guard lock(mutex_);
     calls_.clear();
-}
-
-TidewellAPIDiskDumpConfig FakeDeviceLibrary::last_config() {
-    std::lock_guard lock(mutex_);
-    return last_config_;
-}
-
-std::u16string FakeDeviceLibrary::last_folder() {
-    std::lock_guard lock(mutex_);
-    return last_folder_;
-}
-
-TidewellAPITimingTime FakeDeviceLibrary::last_timing() {
-    std::lock_guard lock(mutex_);
-    return last_timing_;
 }
 
 void FakeDeviceLibrary::set_flash_progress(int32_t progress) {

@@ -38,13 +38,13 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     // `function` (the DeviceLibrary method name, e.g. "disk_dump_start") returns `result`.
     void set_result(const std::string& function, TidewellAPIRet result);
     // Every call made, in order, as method names.
-    std::vector<std::string> calls();
+    std::vector<std::string> calls() { return locked(calls_); }
     void clear_calls();
 
     // The last disk-dump configuration handed over, with its folder copied.
-    TidewellAPIDiskDumpConfig last_config();
-    std::u16string last_folder();
-    TidewellAPITimingTime last_timing();
+    TidewellAPIDiskDumpConfig last_config() { return locked(last_config_); }
+    std::u16string last_folder() { return locked(last_folder_); }
+    TidewellAPITimingTime last_timing() { return locked(last_timing_); }
     // Firmware flash: progress answers IN_PROGRESS with `progress` until finish_flash(result).
     void set_flash_progress(int32_t progress);
     void finish_flash(TidewellAPIRet result);
@@ -82,6 +82,12 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     TidewellAPIRet firmware_update_get_progress(TidewellAPIHandle, int32_t*) override;
 
   private:
+    // A copy of `member` taken under the lock.
+    template <typename T>
+    T locked(const T& member) {
+        std::lock_guard lock(mutex_);
+        return member;
+    }
     // Records the call; the chosen result, or 0.
     TidewellAPIRet record(const char* function);
     Device* find(TidewellAPIHandle handle);

@@ -29,16 +29,6 @@ class OperationsTest : public DeviceTest {
     StatsThreadInfo device_;
 };
 
-TEST_F(OperationsTest, ResultTexts) {
-    EXPECT_EQ(devices::result_text(0), "Successfully executed command");
-    EXPECT_EQ(devices::result_text(1), "Error executing command");
-    EXPECT_EQ(devices::result_text(2), "Device is already capturing");
-    EXPECT_EQ(devices::result_text(3), "Device is already stopped");
-    EXPECT_EQ(devices::result_text(4), "Invalid device detected");
-    EXPECT_EQ(devices::result_text(6), "Unhandled command");
-    EXPECT_EQ(devices::result_text(7), "Firmware update is running, nothing else possible");
-}
-
 TEST_F(OperationsTest, StartHandsTheFolderAndOptionsToTheLibrary) {
     EXPECT_EQ(devices::api_start(device_), 0u);
     EXPECT_EQ(fake_.calls(),

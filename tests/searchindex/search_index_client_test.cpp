@@ -9,11 +9,6 @@ namespace {
 using testing::ElasticsearchStandIn;
 using testing::RecordedRequest;
 
-TEST(AddressTest, BaseAndBulkAddressesArePlainHttp) {
-    EXPECT_EQ(base_address("localhost", "9200"), "http://localhost:9200");
-    EXPECT_EQ(bulk_address("10.0.0.5", "9201"), "http://10.0.0.5:9201/_bulk");
-}
-
 TEST(DeleteByQueryBodyTest, BodyFollowsWhatTheRequestGives) {
     EXPECT_EQ(delete_by_query_body({"idx", "100", "200", "eth0"}),
               "{\"query\": {\"bool\": {\"must\": {\"term\": {\"INTERFACE\": \"eth0\"}},\"filter\": "

@@ -36,7 +36,7 @@ TEST(SimConfigTest, ReadsEveryKeyWithDefaults) {
     EXPECT_TRUE(devices[1].fail.empty());
 }
 
-TEST(SimConfigTest, BadEntriesAreSkippedWithAReason) {
+TEST(SimConfigTest, BadEntriesAreSkippedWithAReasonAndBrokenFilesRefused) {
     std::vector<SimDeviceConfig> devices;
     std::string errors;
     ASSERT_TRUE(
@@ -53,16 +53,14 @@ TEST(SimConfigTest, BadEntriesAreSkippedWithAReason) {
     EXPECT_NE(errors.find("bad mac"), std::string::npos) << errors;
     EXPECT_NE(errors.find("unknown model \"Nope\""), std::string::npos) << errors;
     EXPECT_NE(errors.find("duplicate device 00:1b:c5:00:00:02"), std::string::npos) << errors;
-}
 
-TEST(SimConfigTest, EmptyAndBrokenFiles) {
-    std::vector<SimDeviceConfig> devices;
-    std::string errors;
     for (const char* empty : {"", "devices: []\n"}) {
+        devices.clear();
         EXPECT_TRUE(parse_sim_config(empty, devices, errors));
         EXPECT_TRUE(devices.empty());
     }
     for (const char* broken : {"devices: [\n", "devices: 3\n", "- a\n- b\n"}) {
+        errors.clear();
         EXPECT_FALSE(parse_sim_config(broken, devices, errors)) << broken;
         EXPECT_FALSE(errors.empty());
     }
