@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "uniquefd.h"
+#include "host/uniquefd.h"
 #include "wakeup.h"
 
 namespace vistrel::watchkeep {
@@ -37,7 +37,7 @@ class FolderWatcher {
     // False when the kernel had nothing more.
     bool read_events();
 
-    UniqueFd inotify_;
+    host::UniqueFd inotify_;
     std::map<int, size_t> folder_of_watch_;
     std::vector<std::string> folders_;
     std::set<std::pair<size_t, std::string>> open_files_;

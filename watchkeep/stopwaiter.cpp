@@ -16,7 +16,7 @@ StopWaiter::StopWaiter() {
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    signals_ = UniqueFd(signalfd(-1, &stop_signals, SFD_CLOEXEC));
+    signals_ = host::UniqueFd(signalfd(-1, &stop_signals, SFD_CLOEXEC));
     if (!signals_.valid()) throw std::system_error(errno, std::generic_category(), "signalfd");
 }
 

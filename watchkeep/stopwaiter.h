@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "uniquefd.h"
+#include "host/uniquefd.h"
 
 namespace vistrel::watchkeep {
 
@@ -22,7 +22,7 @@ class StopWaiter {
     // True when `input_` holds a stop line; consumes the lines read.
     bool stop_line_read();
 
-    UniqueFd signals_;
+    host::UniqueFd signals_;
     std::string input_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "uniquefd.h"
+#include "host/uniquefd.h"
 
 namespace vistrel::watchkeep {
 
@@ -17,7 +17,7 @@ class Wakeup {
     int fd() const { return fd_.get(); }
 
   private:
-    UniqueFd fd_;
+    host::UniqueFd fd_;
 };
 
 }  // namespace vistrel::watchkeep
