@@ -7,6 +7,7 @@
 #include "devices/firmwarestash.h"
 #include "devices/tidewellfirmwareupdater.h"
 #include "devicetestfixture.h"
+#include "support/eventually.h"
 
 namespace vistrel::testing {
 namespace {
@@ -15,16 +16,6 @@ using devices::FirmwareUpdateStatus;
 using devices::TidewellFirmwareUpdater;
 
 constexpr char kMac[] = "00:1b:c5:00:00:01";
-
-// Waits up to half a minute for `condition`.
-template <typename Condition>
-bool eventually(Condition condition) {
-    for (int i = 0; i < 600; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
-}
 
 class FirmwareUpdaterTest : public DeviceTest {
   protected:

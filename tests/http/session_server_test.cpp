@@ -10,6 +10,7 @@
 
 #include "engine/standin_engine.h"
 #include "support/elasticsearch_standin.h"
+#include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
 
@@ -17,16 +18,6 @@ namespace vistrel::testing {
 namespace {
 
 using std::chrono::milliseconds;
-
-// Polls `done` every 100 ms for up to `seconds`.
-template <typename Condition>
-bool eventually(Condition done, int seconds = 20) {
-    for (int i = 0; i < seconds * 10; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(milliseconds(100));
-    }
-    return done();
-}
 
 bool has_capture_file(const std::string& folder) {
     std::error_code error;

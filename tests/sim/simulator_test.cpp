@@ -17,6 +17,7 @@
 #include "devices/tidewellfirmwareupdater.h"
 #include "startup/configuration.h"
 #include "startup/logger.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace vistrel::testing {
@@ -28,15 +29,6 @@ using devices::StatsThreadInfo;
 constexpr char kFirst[] = "00:1b:c5:00:00:01";
 constexpr char kSecond[] = "00:1b:c5:00:00:02";
 constexpr char kThird[] = "00:1b:c5:00:00:03";
-
-// Waits up to a minute for `condition`.
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 1200; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return condition();
-}
 
 bool present(const std::string& mac) {
     for (const auto& device : devices::snapshot()) {

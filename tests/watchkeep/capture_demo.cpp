@@ -15,6 +15,7 @@
 #include "database/sqlite_query.h"
 #include "host/processes.h"
 #include "support/elasticsearch_standin.h"
+#include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
 #include "watchkeep/loopback_traffic.h"
@@ -42,14 +43,6 @@ void say(const std::string& text) {
 void check(bool good, const std::string& what) {
     std::printf("    %s %s\n", good ? "ok:  " : "FAIL:", what.c_str());
     if (!good) ++failures;
-}
-template <typename Condition>
-bool eventually(Condition done, int seconds) {
-    for (int i = 0; i < seconds * 10; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(milliseconds(100));
-    }
-    return done();
 }
 uint64_t now_ms() {
     return static_cast<uint64_t>(std::chrono::duration_cast<milliseconds>(

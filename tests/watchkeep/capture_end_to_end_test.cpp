@@ -10,6 +10,7 @@
 
 #include "host/processes.h"
 #include "support/elasticsearch_standin.h"
+#include "support/eventually.h"
 #include "support/server_process.h"
 #include "watchkeep/loopback_traffic.h"
 
@@ -17,15 +18,6 @@ namespace vistrel::testing {
 namespace {
 
 using std::chrono::milliseconds;
-
-template <typename Condition>
-bool eventually(Condition done, int seconds = 20) {
-    for (int i = 0; i < seconds * 10; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(milliseconds(100));
-    }
-    return done();
-}
 
 class CaptureEndToEndTest : public ::testing::Test {
   protected:

@@ -16,6 +16,7 @@
 #include "rotatingcapturefile.h"
 #include "sourceerror.h"
 #include "support/elasticsearch_standin.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace vistrel::watchkeep {
@@ -24,19 +25,11 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using testing::ElasticsearchStandIn;
+using vistrel::testing::eventually;
 
 constexpr uint64_t kSecond = 1'000'000'000ULL;
 // 2026-11-23 10:00:00 UTC
 constexpr uint64_t kTen = 1795428000ULL * kSecond;
-
-template <typename Condition>
-bool eventually(Condition done, int seconds = 10) {
-    for (int i = 0; i < seconds * 50; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(milliseconds(20));
-    }
-    return done();
-}
 
 std::vector<uint8_t> frame(uint8_t mark) {
     std::vector<uint8_t> bytes(60, 0);
