@@ -9,10 +9,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <random>
 #include <thread>
+
+#include "host/processes.h"
+#include "support/eventually.h"
 
 extern char** environ;
 
@@ -96,6 +100,12 @@ std::vector<std::string> ServerProcess::environment() const {
 }
 
 void ServerProcess::launch(std::vector<std::string> arguments) {
+    // The server judges "an engine runs" by command name, machine-wide. An engine that a previous
+    // test's server left finishing its graceful stop would make this server refuse captures and
+    // uploads as busy, so wait for it, and say so when it does not end.
+    if (!eventually([] { return !host::process_exists("watchkeep"); }, 20)) {
+        std::fprintf(stderr, "A process named watchkeep from an earlier test is still running\n");
+    }
     int input[2];
     if (pipe2(input, O_CLOEXEC) != 0) return;
     std::vector<std::string> env = environment();
