@@ -186,6 +186,7 @@ options:
   --daemon               accepted, changes nothing
 environment:
   VISTREL_SERVER_URL     where files are reported (default http://localhost:8081)
+  VISTREL_SERVER_CA      the certificate an https server above is trusted by
   VISTREL_CAPTURE_PATH   where interface captures are written (default ~/Documents/Vistrel/captures)
   VISTREL_FILE_SECONDS   seconds per interface capture file (default 60)
 A line STOP on standard input, or its end, stops the engine.

@@ -52,8 +52,9 @@ Engine::~Engine() = default;
 void Engine::start() {
     std::error_code error;
     std::filesystem::create_directories(settings_.spool_folder, error);
-    reporter_ = std::make_unique<FileReporter>(environment_.server_url, settings_.flows_index,
-                                               settings_.spool_folder);
+    reporter_ =
+        std::make_unique<FileReporter>(environment_.server_url, settings_.flows_index,
+                                       settings_.spool_folder, environment_.server_certificate);
     sender_ = std::make_unique<BulkSender>(settings_);
 
     const uint64_t period_ns = static_cast<uint64_t>(environment_.file_seconds) * 1'000'000'000ULL;

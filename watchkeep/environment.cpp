@@ -1,5 +1,7 @@
 #include "environment.h"
 
+#include <unistd.h>
+
 #include <charconv>
 #include <cstdlib>
 
@@ -28,6 +30,13 @@ EngineEnvironment read_environment() {
         environment.server_url.rfind("https://", 0) != 0) {
         throw ArgumentError("VISTREL_SERVER_URL must begin with http:// or https://, got '" +
                             environment.server_url + "'");
+    }
+
+    environment.server_certificate = variable("VISTREL_SERVER_CA");
+    if (!environment.server_certificate.empty() &&
+        access(environment.server_certificate.c_str(), R_OK) != 0) {
+        throw ArgumentError("VISTREL_SERVER_CA names a file that cannot be read: '" +
+                            environment.server_certificate + "'");
     }
 
     environment.capture_path = variable("VISTREL_CAPTURE_PATH");

@@ -8,7 +8,9 @@ namespace vistrel::watchkeep {
 struct EngineEnvironment {
     std::string server_url;    // VISTREL_SERVER_URL, without a trailing "/"
     std::string capture_path;  // VISTREL_CAPTURE_PATH
-    int file_seconds = 60;     // VISTREL_FILE_SECONDS
+    // VISTREL_SERVER_CA: the certificate of a server that speaks HTTPS only; "" for none.
+    std::string server_certificate;
+    int file_seconds = 60;  // VISTREL_FILE_SECONDS
 
     // <capture path>/.watchkeep-spool: what could not be sent yet.
     std::string spool_folder() const { return capture_path + "/.watchkeep-spool"; }

@@ -16,7 +16,9 @@ namespace vistrel::watchkeep {
 // survive a server that is down and a restart of the engine; the next run sends them first.
 class FileReporter {
   public:
-    FileReporter(std::string server_url, std::string es_index, std::string spool_folder);
+    // `server_certificate`, when given, is the one certificate an https server is trusted by.
+    FileReporter(std::string server_url, std::string es_index, std::string spool_folder,
+                 std::string server_certificate = {});
     // Stops the thread; what is not sent stays in the spool.
     ~FileReporter();
     FileReporter(const FileReporter&) = delete;
@@ -43,6 +45,7 @@ class FileReporter {
     const std::string server_url_;
     const std::string es_index_;
     const std::string spool_path_;
+    const std::string server_certificate_;
 
     std::mutex mutex_;
     std::condition_variable wake_;

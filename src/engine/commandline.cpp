@@ -62,9 +62,17 @@ std::string analysis_command_line(const std::string& file_path, const EngineOpti
 }
 
 std::vector<std::pair<std::string, std::string>> engine_environment(
-    const EngineOptions& options, const std::string& capture_path) {
-    return {{"VISTREL_SERVER_URL", "http://" + options.server_host + ":" + options.server_port},
-            {"VISTREL_CAPTURE_PATH", capture_path}};
+    const EngineOptions& options, const std::string& capture_path,
+    const std::string& server_certificate) {
+    const std::string address = options.server_host + ":" + options.server_port;
+    if (server_certificate.empty()) {
+        return {{"VISTREL_SERVER_URL", "http://" + address},
+                {"VISTREL_CAPTURE_PATH", capture_path}};
+    }
+    // A server that speaks HTTPS only: the engine reports there and trusts its certificate.
+    return {{"VISTREL_SERVER_URL", "https://" + address},
+            {"VISTREL_CAPTURE_PATH", capture_path},
+            {"VISTREL_SERVER_CA", server_certificate}};
 }
 
 std::vector<std::string> split_command_line(const std::string& command_line) {

@@ -37,9 +37,11 @@ std::string live_command_line(const std::vector<EngineDevice>& devices,
 std::string analysis_command_line(const std::string& file_path, const EngineOptions* options);
 
 // The environment the engine reads besides its command line: VISTREL_SERVER_URL (this
-// server, as the options name it) and VISTREL_CAPTURE_PATH.
+// server, as the options name it) and VISTREL_CAPTURE_PATH. With the server's TLS certificate
+// the URL is https and VISTREL_SERVER_CA names the certificate.
 std::vector<std::pair<std::string, std::string>> engine_environment(
-    const EngineOptions& options, const std::string& capture_path);
+    const EngineOptions& options, const std::string& capture_path,
+    const std::string& server_certificate = {});
 
 // Splits a one-line command the way the Windows C run-time builds argv: blanks separate,
 // double quotes group and are removed; 2n backslashes before a quote give n backslashes,

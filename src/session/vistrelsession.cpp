@@ -164,6 +164,12 @@ void VistrelSession::record_in_database(bool active) {
     }
 }
 
+std::vector<std::pair<std::string, std::string>> VistrelSession::engine_environment() const {
+    const auto& security = configuration().security;
+    return engine::engine_environment(*options_, configuration().capture_path,
+                                      security.tls() ? security.tls_certificate : std::string());
+}
+
 std::string VistrelSession::remembered_name(const devices::MacAddress& mac) const {
     std::lock_guard lock(last_mutex_);
     for (const auto& [known_mac, name] : names_) {
@@ -245,8 +251,7 @@ Reply VistrelSession::start_capture(StartRequest request) {
     for (const auto& interface : interfaces_) interface_names.push_back(interface.name);
     options_->extra = engine::live_command_line(engine_devices, interface_names, &*options_);
 
-    uint32_t launched = engine_.launch(
-        options_->extra, engine::engine_environment(*options_, configuration().capture_path));
+    uint32_t launched = engine_.launch(options_->extra, engine_environment());
     bool present = false;
     for (int check = 0; check < kPresenceChecks && !present; ++check) {
         std::this_thread::sleep_for(pause_);
@@ -319,8 +324,7 @@ Reply VistrelSession::start_analysis(StartRequest request, const std::string& fi
         return answer(kSessionInternalProblem, kCommandAnalyze, engine::kEngineNotExecuted, {});
     }
     options_->extra = engine::analysis_command_line(analysis_path_, &*options_);
-    uint32_t launched = engine_.launch(
-        options_->extra, engine::engine_environment(*options_, configuration().capture_path));
+    uint32_t launched = engine_.launch(options_->extra, engine_environment());
     uint32_t code = kSessionDone;
     if (launched == engine::kEngineInvalidCommand) code = kSessionInternalProblem;
     if (launched == engine::kEngineAlreadyRunning) code = kSessionAlreadyRunning;

@@ -70,6 +70,8 @@ class VistrelSession {
                                                 const std::vector<uint32_t>* results);
     void remember(int command, uint32_t code, const std::string& file_path);
     void record_in_database(bool active);
+    // What the engine is told besides its command line, for the options of this command.
+    std::vector<std::pair<std::string, std::string>> engine_environment() const;
 
     engine::WatchkeepProcess& engine_;
     std::mutex command_mutex_;

@@ -100,10 +100,11 @@ HttpResponse HttpClient::request(const std::string& method, const std::string& p
     return response;
 }
 
-HttpResponse HttpClient::post_form(const std::string& path,
-                                   const std::vector<FormPart>& parts) const {
+HttpResponse HttpClient::post_form(const std::string& path, const std::vector<FormPart>& parts,
+                                   const std::string& ca_file) const {
     HttpResponse response;
     auto handle = make_handle(base_url_ + path, response);
+    if (!ca_file.empty()) curl_easy_setopt(handle.get(), CURLOPT_CAINFO, ca_file.c_str());
     curl_mime* form = curl_mime_init(handle.get());
     for (const FormPart& part : parts) {
         curl_mimepart* field = curl_mime_addpart(form);
