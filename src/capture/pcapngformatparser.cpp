@@ -22,7 +22,10 @@ bool PcapngFormatParser::read_block(std::vector<uint8_t>& block) {
     block.resize(total);
     std::memcpy(block.data(), head, sizeof head);
     const size_t rest = total - kBlockHeadSize;
-    return read(block.data() + kBlockHeadSize, rest) == static_cast<int64_t>(rest);
+    if (read(block.data() + kBlockHeadSize, rest) != static_cast<int64_t>(rest)) return false;
+    // Both length words agree in every block a writer finished; a block copied out with a
+    // different trailing word would make the whole extract unreadable.
+    return load_u32(block.data() + total - 4) == total;
 }
 
 bool PcapngFormatParser::check_header() {
