@@ -10,6 +10,7 @@
 #include "capture/tsharkpipe.h"
 #include "capturefilewriter.h"
 #include "startup/logger.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace vistrel::capture {
@@ -151,7 +152,13 @@ TEST_F(ExtractionTest, SizeLimitCountsFilesAsSigned32BitSizes) {
 }
 
 TEST_F(ExtractionTest, DirectStreamIsTheHeaderThenEveryFileInIndexOrder) {
-    const auto files = three_files();
+    auto files = three_files();
+    // Files gone from the disk are explained once, then counted.
+    for (int i = 0; i < 1000; ++i) {
+        CaptureFileRecord gone;
+        gone.file_path = dir_.file("gone-" + std::to_string(i) + ".pcapng");
+        files.push_back(gone);
+    }
     CaptureQuery range;
     range.start = kBase + 3 * kSecond;
     range.end = kBase + 25 * kSecond + 7;  // inclusive: the packet stamped at `end` is in
@@ -160,9 +167,16 @@ TEST_F(ExtractionTest, DirectStreamIsTheHeaderThenEveryFileInIndexOrder) {
     const std::pair<CaptureQuery, size_t> runs[] = {
         {range, 102400}, {range, 1000}, {range, 7}, {CaptureQuery{}, 200000}};
     for (const auto& [query, maximum] : runs) {
+        const std::string before = log();
         Extraction extraction = prepare_extraction(query, files);
         ASSERT_TRUE(extraction.job);
         EXPECT_FALSE(extraction.job->filtered());
+        const std::string added = log().substr(before.size());
+        EXPECT_NE(added.find("Unable to open file [" + dir_.file("gone-0.pcapng") +
+                             "] with erc: No such file or directory"),
+                  std::string::npos);
+        EXPECT_EQ(added.find("gone-1.pcapng"), std::string::npos);
+        EXPECT_NE(added.find("999 more files could not be read"), std::string::npos);
         int64_t end = 0;
         const std::string bytes = drain(*extraction.job, maximum, end);
         EXPECT_EQ(end, kEndOfStream);
@@ -171,39 +185,6 @@ TEST_F(ExtractionTest, DirectStreamIsTheHeaderThenEveryFileInIndexOrder) {
             << "buffers of " << maximum;
     }
     EXPECT_NE(log().find("Successfully extracted files - Sending to FE"), std::string::npos);
-}
-
-TEST_F(ExtractionTest, MissingFilesAreExplainedOnceAndCounted) {
-    std::list<CaptureFileRecord> files = three_files();
-    for (int i = 0; i < 1000; ++i) {
-        CaptureFileRecord gone;
-        gone.file_path = dir_.file("gone-" + std::to_string(i) + ".pcapng");
-        files.push_back(gone);
-    }
-    const std::string before = log();
-    Extraction extraction = prepare_extraction({}, files);
-    ASSERT_TRUE(extraction.job);
-    const std::string added = log().substr(before.size());
-    EXPECT_NE(added.find("Unable to open file [" + dir_.file("gone-0.pcapng") +
-                         "] with erc: No such file or directory"),
-              std::string::npos);
-    EXPECT_EQ(added.find("gone-1.pcapng"), std::string::npos);
-    EXPECT_NE(added.find("999 more files could not be read"), std::string::npos);
-}
-
-TEST_F(ExtractionTest, RangeWithoutPacketsAnswersTheExtractErrorPageWithoutTshark) {
-    const auto files = three_files();
-    CaptureQuery query;
-    query.start = kBase + 100 * kSecond;
-    query.end = kBase + 200 * kSecond;
-    query.display_filter = "udp";
-    ConsoleCapture capture;
-    Extraction extraction = prepare_extraction(query, files);
-    EXPECT_FALSE(extraction.job);
-    EXPECT_EQ(extraction.error_title, "Extract Capture Error");
-    EXPECT_EQ(extraction.error_message,
-              "Couldn't find traffic data for the requested parameters in your capture machine");
-    EXPECT_EQ(capture.text().find("Starting TShark"), std::string::npos);
 }
 
 // The filter through tshark, whatever libpcap could do, and with `pipe` in its place.
@@ -261,15 +242,45 @@ TEST_F(ExtractionTest, FilteredStreamHoldsOnlyTheMatchingPacketsOfTheRangeOnEith
               std::string::npos);
 }
 
-TEST_F(ExtractionTest, FilterProgramThatCannotStartAnswersAnErrorPage) {
+TEST_F(ExtractionTest, FiltersThatCannotRunAnswerAnErrorPageOrEndTheStreamWithAnError) {
+    const auto files = three_files();
     CaptureQuery query;
     query.display_filter = "udp";
+    {
+        // A range without packets: the extract error page, without starting tshark.
+        CaptureQuery empty = query;
+        empty.start = kBase + 100 * kSecond;
+        empty.end = kBase + 200 * kSecond;
+        ConsoleCapture capture;
+        Extraction extraction = prepare_extraction(empty, files);
+        EXPECT_FALSE(extraction.job);
+        EXPECT_EQ(extraction.error_title, "Extract Capture Error");
+        EXPECT_EQ(extraction.error_message,
+                  "Couldn't find traffic data for the requested parameters in your capture "
+                  "machine");
+        EXPECT_EQ(capture.text().find("Starting TShark"), std::string::npos);
+    }
+    {
+        // A filter program that cannot start.
+        ConsoleCapture capture;
+        Extraction extraction = prepare_extraction(
+            query, files, through_tshark(std::make_unique<TsharkPipe>(dir_.file("none"))));
+        EXPECT_FALSE(extraction.job);
+        EXPECT_EQ(extraction.error_title, "Error Extracting Capture File");
+        EXPECT_NE(capture.text().find("Failed to start TShark process"), std::string::npos);
+    }
+    // An empty term left by an unusable dashboard rule: libpcap has no say, tshark exits at
+    // once.
+    query.display_filter = "(())";
+    const std::string before = log();
     ConsoleCapture capture;
-    Extraction extraction = prepare_extraction(
-        query, three_files(), through_tshark(std::make_unique<TsharkPipe>(dir_.file("none"))));
-    EXPECT_FALSE(extraction.job);
-    EXPECT_EQ(extraction.error_title, "Error Extracting Capture File");
-    EXPECT_NE(capture.text().find("Failed to start TShark process"), std::string::npos);
+    Extraction extraction = prepare_extraction(query, files);
+    ASSERT_TRUE(extraction.job);
+    int64_t end = 0;
+    EXPECT_EQ(drain(*extraction.job, 102400, end), "");
+    EXPECT_EQ(end, kEndWithError);
+    EXPECT_NE(log().find("Filtering with tshark: ", before.size()), std::string::npos);
+    EXPECT_NE(log().find("Filtered download cut short"), std::string::npos);
 }
 
 // Stand-ins for tshark, given the test's arguments (-r - -w - -Y filter).
@@ -291,12 +302,6 @@ class FilterProgramTest : public ExtractionTest {
         return {record("packets.pcapng", file.bytes())};
     }
 
-    void wait_for_feeder() {
-        for (int i = 0; i < 5000 && log().find("Data sent in") == std::string::npos; ++i) {
-            ::usleep(1000);
-        }
-    }
-
     CaptureQuery query_ = [] {
         CaptureQuery query;
         query.display_filter = "udp";
@@ -312,7 +317,8 @@ TEST_F(FilterProgramTest, OutputLeftInThePipeAfterTheFilterExitedIsStillDelivere
     Extraction extraction = prepare_extraction(
         query_, files, through_tshark(std::make_unique<TsharkPipe>(program("cat.sh", "exec cat"))));
     ASSERT_TRUE(extraction.job);
-    wait_for_feeder();
+    EXPECT_TRUE(
+        testing::eventually([&] { return log().find("Data sent in") != std::string::npos; }));
     int64_t end = 0;
     const std::string bytes = drain(*extraction.job, 102400, end);
     EXPECT_EQ(end, kEndOfStream);
@@ -343,21 +349,6 @@ TEST_F(FilterProgramTest, AbandonedFilteredDownloadStopsItsFeeder) {
         through_tshark(std::make_unique<TsharkPipe>(program("stuck.sh", "exec sleep 60"))));
     ASSERT_TRUE(extraction.job);
     extraction.job.reset();
-}
-
-TEST_F(ExtractionTest, FilterThatTsharkRefusesEndsTheStreamWithAnError) {
-    // An empty term left by an unusable dashboard rule: libpcap has no say, tshark exits at
-    // once.
-    CaptureQuery query;
-    query.display_filter = "(())";
-    ConsoleCapture capture;
-    Extraction extraction = prepare_extraction(query, three_files());
-    ASSERT_TRUE(extraction.job);
-    int64_t end = 0;
-    EXPECT_EQ(drain(*extraction.job, 102400, end), "");
-    EXPECT_EQ(end, kEndWithError);
-    EXPECT_NE(log().find("Filtering with tshark: "), std::string::npos);
-    EXPECT_NE(log().find("Filtered download cut short"), std::string::npos);
 }
 
 }  // namespace

@@ -1,34 +1,11 @@
 #include "capturefilewriter.h"
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 #include <cstring>
 
 #include "capture/pcapngblocks.h"
 
 namespace vistrel::testing {
-
-std::string udp_frame(size_t length, const std::string& source, const std::string& destination,
-                      uint16_t source_port, uint16_t destination_port) {
-    if (length < 42) length = 42;
-    // MACs, IPv4, then the IP header: version and length, length, id, TTL 64, UDP; no header
-    // checksum (Wireshark does not verify it by default).
-    std::string frame("\x00\x1b\xc5\x00\x00\x02\x00\x1b\xc5\x00\x00\x01\x08\x00\x45\x00", 16);
-    append(frame, htons(static_cast<uint16_t>(length - 14)));
-    frame += std::string("\x12\x34\x00\x00\x40\x11\x00\x00", 8);
-    in_addr address{};
-    inet_pton(AF_INET, source.c_str(), &address);
-    append(frame, address);
-    inet_pton(AF_INET, destination.c_str(), &address);
-    append(frame, address);
-    append(frame, htons(source_port));
-    append(frame, htons(destination_port));
-    append(frame, htons(static_cast<uint16_t>(length - 34)));
-    append(frame, htons(0));
-    for (size_t i = frame.size(); i < length; ++i) frame.push_back(char('a' + i % 26));
-    return frame;
-}
 
 PcapBuilder::PcapBuilder(uint32_t magic) {
     append(bytes_, magic);

@@ -9,7 +9,7 @@
 // Small capture files made by the tests themselves, byte by byte, including broken ones.
 namespace vistrel::testing {
 
-// An Ethernet/IPv4/UDP frame of `length` bytes (at least 42), so that display filters on
+// An Ethernet/IPv4/UDP frame of `length` bytes (at least 60), so that display filters on
 // addresses and ports have something to match.
 std::string udp_frame(size_t length, const std::string& source, const std::string& destination,
                       uint16_t source_port, uint16_t destination_port);

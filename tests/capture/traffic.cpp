@@ -33,8 +33,6 @@ std::string filler(size_t size, size_t seed) {
     return bytes;
 }
 
-}  // namespace
-
 std::string ethernet(const std::string& destination_mac, const std::string& source_mac,
                      uint16_t type, const std::string& payload) {
     std::string frame = mac_bytes(destination_mac) + mac_bytes(source_mac);
@@ -45,17 +43,17 @@ std::string ethernet(const std::string& destination_mac, const std::string& sour
     return frame;
 }
 
-std::string vlan_tag(uint16_t tag_type, uint16_t id, uint16_t type) {
+// The tag after its type (the frame's or the outer tag's EtherType), then the inner type.
+std::string vlan_tag(uint16_t id, uint16_t type) {
     std::string tag;
-    put16(tag, tag_type);
     put16(tag, id);
     put16(tag, type);
     return tag;
 }
 
 std::string ipv4(const std::string& source, const std::string& destination, uint8_t protocol,
-                 const std::string& payload, uint8_t ttl, uint16_t fragment,
-                 const std::string& options) {
+                 const std::string& payload, uint8_t ttl = 64, uint16_t fragment = 0,
+                 const std::string& options = "") {
     std::string header;
     header.push_back(static_cast<char>(0x40 | (5 + options.size() / 4)));
     header.push_back(0);
@@ -88,8 +86,9 @@ std::string udp(uint16_t source_port, uint16_t destination_port, const std::stri
     return header + payload;
 }
 
+// `flags`: the 12 bits below the data offset (reserved, NS, CWR ... FIN).
 std::string tcp(uint16_t source_port, uint16_t destination_port, uint16_t flags,
-                const std::string& payload) {
+                const std::string& payload = "") {
     std::string header;
     put16(header, source_port);
     put16(header, destination_port);
@@ -125,6 +124,17 @@ std::string gre(uint16_t protocol, const std::string& payload) {
     std::string header(2, '\0');
     put16(header, protocol);
     return header + payload;
+}
+
+}  // namespace
+
+// Checksums are left at zero: neither tshark nor libpcap checks them.
+std::string udp_frame(size_t length, const std::string& source, const std::string& destination,
+                      uint16_t source_port, uint16_t destination_port) {
+    const size_t payload = length > 42 ? length - 42 : 0;
+    return ethernet(
+        "00:1b:c5:00:00:02", "00:1b:c5:00:00:01", 0x0800,
+        ipv4(source, destination, 17, udp(source_port, destination_port, filler(payload, 0))));
 }
 
 std::vector<std::string> plain_traffic() {
@@ -201,10 +211,10 @@ std::vector<TrapTraffic> trap_traffic() {
     std::vector<TrapTraffic> traps = {
         {"vlan",
          {ethernet(kMacB, kMacA, 0x8100,
-                   vlan_tag(0x8100, 7, 0x0800).substr(2) + ipv4(kHostA, kHostB, 17, dns_query))}},
+                   vlan_tag(7, 0x0800) + ipv4(kHostA, kHostB, 17, dns_query))}},
         {"double-vlan",
          {ethernet(kMacB, kMacA, 0x88a8,
-                   vlan_tag(0x88a8, 100, 0x8100).substr(2) + vlan_tag(0x8100, 7, 0x86dd).substr(2) +
+                   vlan_tag(100, 0x8100) + vlan_tag(7, 0x86dd) +
                        ipv6(kHost6A, kHost6B, 6, tcp(80, 1024, 0x002)))}},
         {"fragments",
          {ethernet(

@@ -5,26 +5,8 @@
 #include <vector>
 
 // Ethernet frames built header by header, for tests that compare libpcap's and tshark's
-// reading of the same packets. Checksums are left at zero (tshark does not check them).
+// reading of the same packets.
 namespace vistrel::testing {
-
-std::string ethernet(const std::string& destination_mac, const std::string& source_mac,
-                     uint16_t type, const std::string& payload);
-// One 802.1Q (or 802.1ad with `tag_type` 0x88a8) tag in front of `type`.
-std::string vlan_tag(uint16_t tag_type, uint16_t id, uint16_t type);
-std::string ipv4(const std::string& source, const std::string& destination, uint8_t protocol,
-                 const std::string& payload, uint8_t ttl = 64, uint16_t fragment = 0,
-                 const std::string& options = "");
-std::string ipv6(const std::string& source, const std::string& destination, uint8_t next_header,
-                 const std::string& payload);
-std::string udp(uint16_t source_port, uint16_t destination_port, const std::string& payload);
-// `flags`: the 12 bits below the data offset (reserved, NS, CWR ... FIN).
-std::string tcp(uint16_t source_port, uint16_t destination_port, uint16_t flags,
-                const std::string& payload = "");
-std::string icmp(uint8_t type, uint8_t code, const std::string& body);
-std::string arp(uint16_t operation, const std::string& sender_mac, const std::string& sender_ip,
-                const std::string& target_ip);
-std::string gre(uint16_t protocol, const std::string& payload);
 
 // Traffic where libpcap's and tshark's readings of the filterable fields agree.
 std::vector<std::string> plain_traffic();

@@ -93,18 +93,22 @@ TEST_F(CaptureIndexTest, IndexAndSourcesRestrictTheSelection) {
     EXPECT_EQ(occurrences(log_text(), "Unable to select values from table TidewellCapture"), 1u);
 }
 
-TEST_F(CaptureIndexTest, QuotesAndSqlInTextsAreStoredAndFound) {
+TEST_F(CaptureIndexTest, QuotesAndSqlInTextsAreStoredFoundAndRemoved) {
     const std::string path = "/c/it's a file'; DELETE FROM TidewellCapture; --";
     const std::string index = "x' OR '1'='1";
     ASSERT_EQ(add_capture_file(capture_record("/c/other", 10, 20)), kSuccess);
     ASSERT_EQ(add_capture_file(capture_record(path, 10, 20, "o'brien", index)), kSuccess);
-    EXPECT_EQ(rows(kCaptureTable), 2);
+    ASSERT_EQ(add_capture_file(capture_record(path, 30, 40, "o'brien", index)), kSuccess);
+    EXPECT_EQ(rows(kCaptureTable), 3);
     EXPECT_EQ(paths(select_capture_files(make_query(0, 0, index))),
-              (std::vector<std::string>{path}));
+              (std::vector<std::string>{path, path}));
     EXPECT_EQ(paths(select_capture_files(make_query(0, 0, "", {"o'brien"}))),
-              (std::vector<std::string>{path}));
+              (std::vector<std::string>{path, path}));
+    // Every row of that path goes, and only those.
     EXPECT_EQ(remove_capture_file(path), kSuccess);
     EXPECT_EQ(paths(select_capture_files({})), (std::vector<std::string>{"/c/other"}));
+    EXPECT_EQ(remove_capture_file(""), kDeleteFailed);
+    EXPECT_EQ(count_capture_files(), 1u);
 }
 
 // The plan SQLite chooses for each kind of selection: no scan of the whole index.
@@ -140,16 +144,6 @@ TEST_F(CaptureIndexTest, SelectionsAndDeletionUseTheIndices) {
     }
     std::string by_path = plan({"file_path = ?", {"/c/a"}});
     EXPECT_NE(by_path.find("USING INDEX TidewellCapture_file_path"), std::string::npos) << by_path;
-}
-
-TEST_F(CaptureIndexTest, RemoveDeletesEveryRowOfThatPathOnly) {
-    ASSERT_EQ(add_capture_file(capture_record("/c/a", 1, 2)), kSuccess);
-    ASSERT_EQ(add_capture_file(capture_record("/c/a", 3, 4)), kSuccess);
-    ASSERT_EQ(add_capture_file(capture_record("/c/b", 1, 2)), kSuccess);
-    EXPECT_EQ(remove_capture_file("/c/a"), kSuccess);
-    EXPECT_EQ(paths(select_capture_files({})), (std::vector<std::string>{"/c/b"}));
-    EXPECT_EQ(remove_capture_file(""), kDeleteFailed);
-    EXPECT_EQ(count_capture_files(), 1u);
 }
 
 TEST_F(CaptureIndexTest, SessionsAreSavedByUuidAndReadBackAsNone) {

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <thread>
-
 #include "engine/engineresult.h"
 #include "engine/standin_engine.h"
 #include "engine/watchkeepprocess.h"
 #include "startup/logger.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace vistrel::engine {
@@ -87,9 +86,7 @@ TEST_F(EngineProcessTest, LongCommandIsCutAndDeafEngineIsKilledByName) {
 
     EXPECT_EQ(process.stop(), kEngineDone);
     // The engine is collected asynchronously after the kill; give it a moment to vanish.
-    for (int i = 0; i < 100 && WatchkeepProcess::is_running(); ++i)
-        std::this_thread::sleep_for(milliseconds(50));
-    EXPECT_FALSE(WatchkeepProcess::is_running());
+    EXPECT_TRUE(testing::eventually([] { return !WatchkeepProcess::is_running(); }, 5));
     EXPECT_EQ(count("Killing watchkeep - Waiting..."), 7u);
     EXPECT_EQ(count("Killing watchkeep - Going to try hand kill"), 1u);
     EXPECT_EQ(count("Killed Watchkeep by name"), 1u);
