@@ -210,7 +210,8 @@ TEST_F(ReaderTest, MalformedPcapngEndsTheStreamCleanly) {
     EXPECT_EQ(packets_of(bad_id).size(), 1u);
 
     // Truncated packet, truncated block head, lengths below 12 and from 1,048,577 on, an EPB
-    // too short for its fields, an EPB whose data overruns it: only the first packet comes.
+    // too short for its fields, an EPB whose data overruns it, lengths that disagree: only the
+    // first packet comes.
     std::vector<std::string> tails = {one.substr(head.bytes().size(), 50),
                                       std::string("\x06\0\0\0", 4),
                                       PcapngBuilder().block(6, std::string(8, '\0')).bytes()};
@@ -222,6 +223,10 @@ TEST_F(ReaderTest, MalformedPcapngEndsTheStreamCleanly) {
     std::string overrun;
     for (uint32_t field : {0u, 0u, 40u, 500u, 500u}) append(overrun, field);  // 500 > block
     tails.push_back(PcapngBuilder().block(6, overrun + "dddddddd").bytes());
+    // A whole packet whose trailing length word disagrees with its leading one.
+    std::string mismatched = PcapngBuilder().packet(0, 20, data).bytes();
+    mismatched[mismatched.size() - 4] ^= 4;
+    tails.push_back(mismatched);
     for (size_t i = 0; i < tails.size(); ++i) {
         EXPECT_EQ(packets_of(one + tails[i]).size(), 1u) << "tail " << i;
     }
