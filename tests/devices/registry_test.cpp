@@ -63,7 +63,6 @@ TEST_F(RegistryTest, NewAndGoneDevices) {
     EXPECT_EQ(device.features.HWFirmwareId, 1);
     ASSERT_EQ(announced.size(), 1u);
     EXPECT_EQ(announced[0].mac_text(), "00:1b:c5:00:00:01");
-    EXPECT_EQ(log_count("New Device Callback: New Device Detected"), 1u);
 
     // Announced again: one entry, with the newer record.
     auto changed = FakeDeviceLibrary::device_with_mac(1);
@@ -80,7 +79,6 @@ TEST_F(RegistryTest, NewAndGoneDevices) {
     const auto all = devices::snapshot();
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].handle, 0x101u);
-    EXPECT_EQ(log_count("Device Gone Callback: Device Removed"), 1u);
 }
 
 TEST_F(RegistryTest, DeviceWhoseDataCannotBeReadIsNeverPresent) {
@@ -106,23 +104,14 @@ TEST_F(RegistryTest, LookUpsByMac) {
     EXPECT_FALSE(devices::all_available({first}));  // empty registry
     plug(0x100, 1);
     EXPECT_EQ(devices::find_handle_by_mac("00:1b:c5:00:00:01"), 0x100u);
+    // The text is matched as given: upper case names no device.
     EXPECT_THROW(devices::find_handle_by_mac("00:1B:C5:00:00:01"),
                  devices::TidewellMissingException);
-    try {
-        devices::find_handle_by_mac("00:1b:c5:00:00:02");
-        FAIL() << "no exception";
-    } catch (const devices::TidewellMissingException& error) {
-        EXPECT_EQ(error.mac(), "00:1b:c5:00:00:02");
-        EXPECT_STREQ(error.what(),
-                     "Tidewell device with mac '00:1b:c5:00:00:02' is not available. Please "
-                     "check your connection");
-    }
+    EXPECT_THROW(devices::find_handle_by_mac("00:1b:c5:00:00:02"),
+                 devices::TidewellMissingException);
     EXPECT_FALSE(devices::all_available({}));
     EXPECT_TRUE(devices::all_available({first}));
     EXPECT_FALSE(devices::all_available({first, second}));
-    EXPECT_EQ(log_count("All tidewell_devices are not available: N/A device with mac "
-                        "[00:1b:c5:00:00:02]"),
-              1u);
     plug(0x101, 2);
     EXPECT_TRUE(devices::all_available({second, first}));
 }
@@ -134,21 +123,17 @@ TEST_F(RegistryTest, AnyCapturingAsksEveryDeviceButNotDuringAFirmwareUpdate) {
     EXPECT_FALSE(devices::any_capturing());
     fake_.set_capturing(0x101, true);
     EXPECT_TRUE(devices::any_capturing());
-    EXPECT_EQ(log_count("There are tidewell_devices capturing"), 1u);
 
     auto finished = pretend_update();
     fake_.clear_calls();
     EXPECT_FALSE(devices::any_capturing());
     EXPECT_TRUE(fake_.calls().empty());
-    EXPECT_EQ(log_count("Firmware update in progress: No is_device_capturing possible - "
-                        "Returning TRUE"),
-              2u);
     finished->store(true);
     EXPECT_TRUE(devices::any_capturing());
 
+    // A device whose status cannot be read counts as not capturing.
     fake_.set_result("disk_dump_get_status", TIDEWELLAPI_ERROR);
     EXPECT_FALSE(devices::any_capturing());
-    EXPECT_EQ(log_count("Failed: cannot get status"), 2u);
 }
 
 }  // namespace

@@ -66,13 +66,12 @@ class SessionTest : public vistrel::testing::DeviceTest {
     VistrelSession session{process};
 };
 
-TEST_F(SessionTest, DiskSpaceRule) {
+TEST(DiskSpaceTest, FivePercentFreeOrAFixedAmountIsEnough) {
     const int64_t GiB = 1LL << 30;
     EXPECT_TRUE(VistrelSession::is_enough_disk_space(3 * GiB, 100 * 1024 * 1024 * GiB));
     EXPECT_TRUE(VistrelSession::is_enough_disk_space(GiB, 10 * GiB));
     EXPECT_FALSE(VistrelSession::is_enough_disk_space(100 << 20, 10 * GiB));
     EXPECT_FALSE(VistrelSession::is_enough_disk_space(-1, 10 * GiB));
-    EXPECT_TRUE(VistrelSession::is_enough_disk_space());
 }
 
 TEST_F(SessionTest, ChecksRefuseBeforeAnythingStarts) {
@@ -143,7 +142,6 @@ TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
     EXPECT_NE(reply.text.find("\"message\":\"Error executing command\""), std::string::npos);
     EXPECT_TRUE(standin.started());
     EXPECT_FALSE(engine::WatchkeepProcess::is_running());
-    EXPECT_EQ(log_count("All Tidewell devices failed to start, stopping Watchkeep"), 1u);
 }
 
 TEST_F(SessionTest, EngineThatNeverStartsFailsBeforeTheDevices) {
@@ -153,7 +151,6 @@ TEST_F(SessionTest, EngineThatNeverStartsFailsBeforeTheDevices) {
     EXPECT_NE(reply.text.find("\"analyzer\": {\"errors\":\"Error executing command\""),
               std::string::npos)
         << reply.text;
-    EXPECT_EQ(log_count("[Start Capture] Failed because Watchkeep could not be started"), 1u);
     // Launch result 1 answers at once: no stop of an engine that was never there.
     EXPECT_EQ(log_count("[Watchkeep Stop] Stopping..."), 0u);
     EXPECT_EQ(calls_of("disk_dump_start"), 0u);
@@ -179,9 +176,6 @@ TEST_F(SessionTest, AnalysisRunsTheEngineOverTheFile) {
     // The stop without devices or interfaces while the engine runs: engine stopped, code 1.
     reply = session.stop_capture();
     EXPECT_EQ(reply.status, 500);
-    EXPECT_EQ(log_count("[Stop Capture] Stopping Watchkeep session while missing interfaces "
-                        "information"),
-              1u);
     EXPECT_FALSE(engine::WatchkeepProcess::is_running());
 }
 

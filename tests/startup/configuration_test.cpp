@@ -58,7 +58,6 @@ TEST_F(CommandLineTest, DefaultsDeriveTheCapturesTreeAndBindToLoopback) {
     EXPECT_EQ(config_.analyze_capture_path, home() + "/Documents/Vistrel/analyzed_captures");
     EXPECT_TRUE(host::folder_exists(config_.capture_path));
     EXPECT_TRUE(host::folder_exists(config_.analyze_capture_path));
-    EXPECT_TRUE(printed("[Set Up] Captures parent path: '" + home() + "/Documents/Vistrel'"));
     EXPECT_TRUE(printed("[Set Up] Missing config, binding to defaults - 127.0.0.1"));
     EXPECT_EQ(config_.host, "127.0.0.1");
     EXPECT_EQ(config_.port, 8081u);
@@ -186,45 +185,33 @@ TEST_F(CommandLineTest, YamlFileErrorsEndWithTheirMessages) {
 
     write_file(dir_.file("badbool.yml"), "server:\n  bindall: maybe\n");
     EXPECT_EQ(parse({"--config", dir_.file("badbool.yml")}).exit_code, -1);
-    EXPECT_TRUE(printed("[Config Load] Error reading config file"));
 
     write_file(dir_.file("badmode.yml"), "general:\n  mode: Debug\n");
     EXPECT_EQ(parse({"--config", dir_.file("badmode.yml")}).exit_code, -1);
 }
 
 TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
-    write_file(dir_.file("x.yml"),
-               "general:\n  captures: caps\n  loglevel: debug\n  ntp_server: 127.0.0.1:1123\n"
-               "  force_tshark: true\ndatabase: dbs/v.db\n");
-    EXPECT_FALSE(config_.force_tshark);
+    write_file(dir_.file("x.yml"), "general:\n  captures: caps\n  loglevel: debug\n");
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
-    EXPECT_TRUE(config_.force_tshark);
     EXPECT_TRUE(printed("[Config Load] No server configuration found, binding to all as default"));
     EXPECT_TRUE(config_.bindall);
     EXPECT_EQ(config_.host, "");
     EXPECT_EQ(config_.mode, "start");
     EXPECT_EQ(config_.loglevel, 6u);
-    EXPECT_EQ(config_.ntp_server, "127.0.0.1:1123");
-    EXPECT_EQ(config_.captures, home() + "/caps");
     EXPECT_EQ(config_.capture_path, home() + "/caps/captures");
-    EXPECT_EQ(config_.database, home() + "/dbs/v.db");
 }
 
 TEST_F(CommandLineTest, SecuritySectionSetsLimitsPathsAndCredentials) {
     write_file(dir_.file("x.yml"),
                "server:\n  host: 127.0.0.1\nsecurity:\n  capture_folders: [old, /srv/caps]\n"
-               "  static_root: web\n  connection_timeout: 5\n  max_connections: 10\n"
-               "  max_connections_per_client: 2\n  worker_threads: 0\n  max_json_body: 100\n"
+               "  static_root: web\n  max_connections: 10\n  worker_threads: 0\n"
                "  tls_certificate: tls/c.pem\n  tls_key: /etc/k.pem\n  bearer_token: t\n");
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
     const SecuritySettings& security = config_.security;
     EXPECT_EQ(security.capture_folders, (std::vector<std::string>{home() + "/old", "/srv/caps"}));
     EXPECT_EQ(security.static_root, home() + "/web");
-    EXPECT_EQ(security.connection_timeout, 5u);
     EXPECT_EQ(security.max_connections, 10u);
-    EXPECT_EQ(security.max_connections_per_client, 2u);
-    EXPECT_EQ(security.worker_threads, 1u);
-    EXPECT_EQ(security.max_json_body, 100u);
+    EXPECT_EQ(security.worker_threads, 1u);  // at least one
     EXPECT_TRUE(security.tls());
     EXPECT_EQ(security.tls_certificate, home() + "/tls/c.pem");
     EXPECT_TRUE(security.authentication());

@@ -41,9 +41,7 @@ MHD_Result collect_argument(void* context, MHD_ValueKind /*kind*/, const char* k
 }
 
 bool is_bulk(const RecordedRequest& request) {
-    const std::string_view suffix = "/_bulk";
-    return request.method == "POST" && request.path.size() >= suffix.size() &&
-           request.path.compare(request.path.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return request.method == "POST" && request.path.ends_with("/_bulk");
 }
 
 // The non-empty lines of an NDJSON body.
@@ -80,14 +78,6 @@ std::string RecordedRequest::target() const {
     return query.empty() ? path : path + "?" + query;
 }
 
-ElasticsearchStandIn::ElasticsearchStandIn() {
-    listen(0);
-}
-
-ElasticsearchStandIn::~ElasticsearchStandIn() {
-    stop();
-}
-
 void ElasticsearchStandIn::listen(uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -110,10 +100,7 @@ void ElasticsearchStandIn::listen(uint16_t port) {
 
 void ElasticsearchStandIn::stop() {
     if (daemon_ == nullptr) return;
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
+    set(stopping_, true);
     silence_ended_.notify_all();
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
@@ -121,26 +108,14 @@ void ElasticsearchStandIn::stop() {
 
 void ElasticsearchStandIn::start() {
     if (daemon_ != nullptr) return;
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = false;
-    }
+    set(stopping_, false);
     listen(port_);
-}
-
-std::string ElasticsearchStandIn::address() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
 }
 
 void ElasticsearchStandIn::answer(int status, std::string body) {
     std::lock_guard lock(mutex_);
     status_ = status;
     body_ = std::move(body);
-}
-
-std::vector<RecordedRequest> ElasticsearchStandIn::requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
 }
 
 void ElasticsearchStandIn::clear() {
@@ -159,52 +134,9 @@ void ElasticsearchStandIn::bulk_status(int status, size_t count) {
     bulk_status_count_ = count;
 }
 
-void ElasticsearchStandIn::bulk_max_documents(size_t documents) {
-    std::lock_guard lock(mutex_);
-    bulk_max_documents_ = documents;
-}
-
-void ElasticsearchStandIn::bulk_item_error(std::string needle) {
-    std::lock_guard lock(mutex_);
-    bulk_item_error_ = std::move(needle);
-}
-
 void ElasticsearchStandIn::bulk_silent(bool silent) {
-    {
-        std::lock_guard lock(mutex_);
-        bulk_silent_ = silent;
-    }
+    set(bulk_silent_, silent);
     silence_ended_.notify_all();
-}
-
-void ElasticsearchStandIn::bulk_discard(bool discard) {
-    std::lock_guard lock(mutex_);
-    bulk_discard_ = discard;
-}
-
-std::map<std::string, std::vector<std::string>> ElasticsearchStandIn::bulk_documents() const {
-    std::lock_guard lock(mutex_);
-    return bulk_documents_;
-}
-
-size_t ElasticsearchStandIn::bulk_document_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_document_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_request_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_request_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_held_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_held_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_replaced_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_replaced_count_;
 }
 
 std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequest& request) {

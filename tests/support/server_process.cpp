@@ -14,6 +14,8 @@
 #include <random>
 #include <thread>
 
+#include "support/eventually.h"
+
 extern char** environ;
 
 namespace vistrel::testing {
@@ -131,12 +133,8 @@ bool ServerProcess::start(std::vector<std::string> arguments) {
     }
     launch(std::move(arguments));
     HttpClient http = client();
-    for (int attempt = 0; attempt < 600; ++attempt) {
-        if (!running()) return false;
-        if (http.get("/getStatus").status == 200) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
+    return eventually([&] { return !running() || http.get("/getStatus").status == 200; }, 30) &&
+           running();
 }
 
 ProgramRun ServerProcess::run(const std::vector<std::string>& arguments, int timeout_seconds) {
@@ -204,12 +202,7 @@ std::string ServerProcess::output() const {
 }
 
 bool ServerProcess::wait_for_log(const std::string& text, int timeout_seconds) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (log().find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([&] { return log().find(text) != std::string::npos; }, timeout_seconds);
 }
 
 }  // namespace vistrel::testing
