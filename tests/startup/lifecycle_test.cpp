@@ -30,22 +30,6 @@ void write_one_byte(const std::string& fifo) {
     close(writer);
 }
 
-TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
-    ServerProcess server;
-    ProgramRun no_arguments = server.run({});
-    EXPECT_EQ(no_arguments.exit_code, 255);
-    EXPECT_TRUE(
-        contains(no_arguments.output, "Usage:\n centralized-server <options> --mode <mode>"));
-    // The log exists already: it is opened before the command line is read.
-    EXPECT_TRUE(contains(server.log(), "Logging into " + server.log_path()));
-
-    // The parser's texts and codes are checked on the parser; here what the shell sees.
-    ProgramRun bad_host = server.run({"--mode", "debug", "--host", "::1"});
-    EXPECT_EQ(bad_host.exit_code, 1);
-    EXPECT_TRUE(contains(bad_host.output, "[Set Up] Error loading configuration\n"));
-    EXPECT_TRUE(contains(server.log(), "ERROR: [Set Up] Can't load configuration"));
-}
-
 size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
@@ -53,6 +37,7 @@ size_t count_of(const std::string& text, const std::string& part) {
     return count;
 }
 
+// The parser's own texts and codes are checked on the parser; here what the shell sees.
 TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
     ServerProcess server;
     const std::string port = std::to_string(server.port());
@@ -60,16 +45,25 @@ TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
         std::vector<std::string> arguments;
         bool library_fails;
         int exit_code;
+        std::string printed;
     };
     // No "--mode" leaves the mode "invalid": an unknown mode.
-    const std::vector<Case> cases = {{{"--mode", "cleanup"}, false, 0},
-                                     {{"--port", port}, false, 1},
-                                     {{"--mode", "stop", "--port", port}, true, 255}};
+    const std::vector<Case> cases = {
+        {{}, false, 255, "Usage:\n centralized-server <options> --mode <mode>"},
+        {{"--mode", "debug", "--host", "::1"}, false, 1, "[Set Up] Error loading configuration\n"},
+        {{"--mode", "cleanup"}, false, 0, ""},
+        {{"--port", port}, false, 1, ""},
+        {{"--mode", "stop", "--port", port}, true, 255, ""}};
     server.run({"--mode", "stop", "--port", port});  // a database for the clean-up to empty
-    for (const auto& [arguments, library_fails, exit_code] : cases) {
+    for (const auto& [arguments, library_fails, exit_code, printed] : cases) {
+        const std::string name = arguments.empty() ? "none" : arguments.back();
         if (library_fails) server.set_env("TIDEWELL_SIM_FAIL_INITIALIZE", "1");
-        EXPECT_EQ(server.run(arguments).exit_code, exit_code) << arguments[0];
+        ProgramRun run = server.run(arguments);
+        EXPECT_EQ(run.exit_code, exit_code) << name;
+        EXPECT_TRUE(contains(run.output, printed)) << name << ": " << run.output;
         const std::string log = server.log();
+        // The log is opened before the command line is read.
+        EXPECT_TRUE(contains(log, "Logging into " + server.log_path())) << name;
         EXPECT_FALSE(contains(log, "Finishing server...")) << log;
         EXPECT_FALSE(contains(log, "Closing Server...")) << log;
         EXPECT_EQ(contains(log, "ERROR: Failed to initialize Tidewell API"), library_fails);

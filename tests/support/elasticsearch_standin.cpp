@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -89,13 +88,7 @@ void ElasticsearchStandIn::listen(uint16_t port) {
                                1U, MHD_OPTION_NOTIFY_COMPLETED, &ElasticsearchStandIn::on_completed,
                                this, MHD_OPTION_END);
     if (daemon_ == nullptr) throw std::runtime_error("Elasticsearch stand-in failed to start");
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
-    port_ = info != nullptr ? info->port : 0;
-    if (port_ == 0) {
-        MHD_stop_daemon(daemon_);
-        daemon_ = nullptr;
-        throw std::runtime_error("Elasticsearch stand-in has no port");
-    }
+    port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
 }
 
 void ElasticsearchStandIn::stop() {
@@ -166,18 +159,17 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
             id = action.begin()->value("_id", "");
         }
         nlohmann::json item = {{"_index", index}};
+        auto refuse = [&](const char* type, const std::string& reason) {
+            errors = true;
+            item["status"] = 400;
+            item["error"] = {{"type", type}, {"reason", reason}};
+        };
         std::string_view document = lines[i + 1];
         if (index.empty() || !nlohmann::json::accept(document)) {
-            errors = true;
-            item["status"] = 400;
-            item["error"] = {{"type", "illegal_argument_exception"},
-                             {"reason", "no index or no JSON document"}};
+            refuse("illegal_argument_exception", "no index or no JSON document");
         } else if (!bulk_item_error_.empty() &&
                    document.find(bulk_item_error_) != std::string_view::npos) {
-            errors = true;
-            item["status"] = 400;
-            item["error"] = {{"type", "mapper_parsing_exception"},
-                             {"reason", "failed to parse field [" + bulk_item_error_ + "]"}};
+            refuse("mapper_parsing_exception", "failed to parse field [" + bulk_item_error_ + "]");
         } else {
             std::vector<std::string>& stored = bulk_documents_[index];
             auto known = id.empty() ? bulk_positions_.end() : bulk_positions_.find({index, id});
