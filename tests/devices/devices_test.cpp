@@ -47,9 +47,8 @@ TEST_F(RegistryTest, InitialiseRegistersCallbacksBeforeTheLibraryStarts) {
     EXPECT_EQ(devices::initialise(), 0);
     EXPECT_EQ(devices::uninitialise(), 0);
     EXPECT_EQ(fake_.calls(),
-              (std::vector<std::string>{"add_new_device_callback", "add_device_gone_callback",
-                                        "initialize", "remove_new_device_callback",
-                                        "remove_device_gone_callback", "uninitialize"}));
+              (Calls{"add_new_device_callback", "add_device_gone_callback", "initialize",
+                     "remove_new_device_callback", "remove_device_gone_callback", "uninitialize"}));
     fake_.set_result("initialize", -5);
     EXPECT_EQ(devices::initialise(), -5);
 }

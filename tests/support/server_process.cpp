@@ -72,14 +72,6 @@ ServerProcess::ServerProcess() : port_(free_loopback_port()) {
     stage_program_folder(quellwick_root());
 }
 
-ServerProcess::~ServerProcess() {
-    if (pid_ > 0) stop();
-}
-
-std::string ServerProcess::base_url() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
-}
-
 std::vector<std::string> ServerProcess::environment() const {
     std::map<std::string, std::string> merged;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -191,14 +183,6 @@ void ServerProcess::close_stdin() {
         close(stdin_fd_);
         stdin_fd_ = -1;
     }
-}
-
-std::string ServerProcess::log() const {
-    return read_file(log_path());
-}
-
-std::string ServerProcess::output() const {
-    return read_file(sandbox_.file("output.txt"));
 }
 
 bool ServerProcess::wait_for_log(const std::string& text, int timeout_seconds) const {
