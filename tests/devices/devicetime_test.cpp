@@ -117,8 +117,6 @@ TEST_F(DeviceTimeTest, TimeCloseToASecondBoundaryIsRefusedAndRetried) {
     ASSERT_TRUE(devices::set_device_time(device_));
     EXPECT_EQ(sntp_.requests(), 2);
     EXPECT_TRUE(sntp_.requests_well_formed());
-    EXPECT_EQ(log_count("SNTP : second boundary too close, retrying"), 1u);
-    EXPECT_EQ(log_count("Successfuly received SNTP time"), 1u);
     const TidewellAPITimingTime sent = fake_.last_timing();
     EXPECT_EQ(sent.Source, TidewellAPITimeSource_SNTP);
     EXPECT_EQ(sent.Seconds, SntpStandIn::kSeconds - 2208988800u);
@@ -135,8 +133,6 @@ TEST_F(DeviceTimeTest, TimeCloseToASecondBoundaryIsRefusedAndRetried) {
 TEST_F(DeviceTimeTest, SilentServerCostsTenTries) {
     EXPECT_FALSE(devices::set_device_time(device_));
     EXPECT_EQ(sntp_.requests(), 10);
-    EXPECT_EQ(log_count("Failed to get time from SNTP, retrying"), 10u);
-    EXPECT_EQ(log_count("Could not get SNTP time"), 1u);
     for (const auto& call : fake_.calls()) EXPECT_NE(call, "set_timing_time");
 }
 
@@ -159,8 +155,6 @@ TEST_F(DeviceTimeTest, OtherSourcesGoToTheDeviceUnchangedWithoutTraffic) {
     EXPECT_FALSE(devices::set_device_time(device_));
     EXPECT_TRUE(fake_.calls().empty());
     EXPECT_EQ(sntp_.requests(), 0);
-    EXPECT_EQ(
-        log_count("Firmware update in progress: No set_device_time possible - Returning TRUE"), 1u);
 }
 
 }  // namespace

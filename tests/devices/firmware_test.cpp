@@ -61,11 +61,6 @@ TEST_F(FirmwareUpdaterTest, RefusedStarts) {
     EXPECT_FALSE(status.update_success);
     EXPECT_EQ(status.message,
               "The last start of a firmware update fo device [00:1b:c5:00:00:01] failed");
-    EXPECT_EQ(
-        log_count("Could not start firmware flash for device [00:1b:c5:00:00:01] with file [" +
-                  std::string(2048, 'a') + "]. APIRet: -8"),
-        1u);
-    EXPECT_EQ(log_count("Resetting update success for device [00:1b:c5:00:00:01] to false"), 1u);
     const FirmwareUpdateStatus next = updater_.status(kMac);
     EXPECT_TRUE(next.start_success);
     EXPECT_FALSE(next.update_in_progress);
@@ -109,25 +104,6 @@ TEST_F(FirmwareUpdaterTest, UpdateRunsGuardsTheDevicesAndCompletes) {
         "Deleting StatsThread because Firmware Update for device [0x100] is complete";
     EXPECT_TRUE(eventually([&] { return log_count(deleting) == 1; }));
     EXPECT_TRUE(updater_.status(kMac).update_success);
-    EXPECT_GE(log_count("Firmware update for device with handle [0x100] progress: 42"), 1u);
-    EXPECT_EQ(log_count("Firmware update for device with handle [0x100] update success: true"), 1u);
-    EXPECT_EQ(log_count("Starting firmware flash for device [00:1b:c5:00:00:01] with file [" +
-                        firmware_ + "]"),
-              1u);
-    EXPECT_EQ(log_count("Adding new StatsThread to reference vector for device with mac "
-                        "[00:1b:c5:00:00:01]"),
-              1u);
-
-    // After it has finished a new start replaces the entry; this flash fails.
-    fake_.finish_flash(TIDEWELLAPI_ERROR_FIRMWARE_FAILED);
-    ASSERT_TRUE(updater_.start_update(kMac, firmware_).success);
-    EXPECT_EQ(log_count("Reassigning StatsThread to reference vector for device with mac "
-                        "[00:1b:c5:00:00:01]"),
-              1u);
-    const FirmwareUpdateStatus failed = final_status();
-    EXPECT_FALSE(failed.update_success);
-    EXPECT_TRUE(failed.start_success);
-    EXPECT_TRUE(eventually([&] { return !updater_.any_running(); }));
 }
 
 TEST_F(FirmwareUpdaterTest, ShutDownLeavesARunningFlashToItsOwnThread) {
@@ -168,7 +144,6 @@ TEST_F(FirmwareCatalogueTest, ReadsAttributesAndChildElements) {
     EXPECT_EQ(images[1].path, "/abs/lite.twfw");
     EXPECT_EQ(images[1].swversion, 0x10001u);
     EXPECT_EQ(images[1].hwversion, 0u);
-    EXPECT_EQ(log_count("Could not read firmware swversion: 1.2"), 1u);
 
     devices::StatsThreadInfo pro;
     pro.type = TidewellAPIDeviceType_Pro;
@@ -190,15 +165,11 @@ TEST_F(FirmwareCatalogueTest, ShippedSampleMissingAndBrokenFiles) {
     ASSERT_TRUE(
         devices::read_firmware_catalogue(VISTREL_SOURCE_DIR "/config/firmware.xml", images));
     EXPECT_EQ(images.size(), 3u);
-    const std::string missing = temp_.file("nothing.xml");
-    EXPECT_FALSE(devices::read_firmware_catalogue(missing, images));
-    EXPECT_EQ(log_count("Could not open Firwmare.xml at: " + missing), 1u);
+    EXPECT_FALSE(devices::read_firmware_catalogue(temp_.file("nothing.xml"), images));
     const std::string broken = temp_.file("broken.xml");
     write_file(broken, "<devices><device name=\"x\"></devices>");
     EXPECT_FALSE(devices::read_firmware_catalogue(broken, images));
     EXPECT_EQ(log_count("XML [" + broken + "] parsed with errors"), 1u);
-    EXPECT_EQ(log_count("XML Error Description: "), 1u);
-    EXPECT_EQ(log_count("XML Error Offset: "), 1u);
 }
 
 }  // namespace

@@ -30,26 +30,6 @@ void write_one_byte(const std::string& fifo) {
     close(writer);
 }
 
-TEST(Lifecycle, CommandLineEndingsAndTheirExitCodes) {
-    ServerProcess server;
-    ProgramRun no_arguments = server.run({});
-    EXPECT_EQ(no_arguments.exit_code, 255);
-    EXPECT_TRUE(
-        contains(no_arguments.output, "Usage:\n centralized-server <options> --mode <mode>"));
-    // The log exists already: it is opened before the command line is read.
-    EXPECT_TRUE(contains(server.log(), "Logging into " + server.log_path()));
-
-    // The printed texts are checked on the parser; here the codes the shell sees.
-    EXPECT_EQ(server.run({"--version"}).exit_code, 0);
-    EXPECT_EQ(server.run({"-r", "x"}).exit_code, 0);
-    EXPECT_EQ(server.run({"--mode", "Debug"}).exit_code, 255);
-
-    ProgramRun bad_host = server.run({"--mode", "debug", "--host", "::1"});
-    EXPECT_EQ(bad_host.exit_code, 1);
-    EXPECT_TRUE(contains(bad_host.output, "[Set Up] Error loading configuration\n"));
-    EXPECT_TRUE(contains(server.log(), "ERROR: [Set Up] Can't load configuration"));
-}
-
 size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
@@ -57,6 +37,7 @@ size_t count_of(const std::string& text, const std::string& part) {
     return count;
 }
 
+// The parser's own texts and codes are checked on the parser; here what the shell sees.
 TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
     ServerProcess server;
     const std::string port = std::to_string(server.port());
@@ -64,32 +45,29 @@ TEST(Lifecycle, EarlyExitsRunNoShutDownStep) {
         std::vector<std::string> arguments;
         bool library_fails;
         int exit_code;
+        std::string printed;
     };
     // No "--mode" leaves the mode "invalid": an unknown mode.
-    const std::vector<Case> cases = {{{"--mode", "cleanup"}, false, 0},
-                                     {{"--port", port}, false, 1},
-                                     {{"--mode", "stop", "--port", port}, true, 255}};
+    const std::vector<Case> cases = {
+        {{}, false, 255, "Usage:\n centralized-server <options> --mode <mode>"},
+        {{"--mode", "debug", "--host", "::1"}, false, 1, "[Set Up] Error loading configuration\n"},
+        {{"--mode", "cleanup"}, false, 0, ""},
+        {{"--port", port}, false, 1, ""},
+        {{"--mode", "stop", "--port", port}, true, 255, ""}};
     server.run({"--mode", "stop", "--port", port});  // a database for the clean-up to empty
-    for (const auto& [arguments, library_fails, exit_code] : cases) {
+    for (const auto& [arguments, library_fails, exit_code, printed] : cases) {
+        const std::string name = arguments.empty() ? "none" : arguments.back();
         if (library_fails) server.set_env("TIDEWELL_SIM_FAIL_INITIALIZE", "1");
-        EXPECT_EQ(server.run(arguments).exit_code, exit_code) << arguments[0];
+        ProgramRun run = server.run(arguments);
+        EXPECT_EQ(run.exit_code, exit_code) << name;
+        EXPECT_TRUE(contains(run.output, printed)) << name << ": " << run.output;
         const std::string log = server.log();
+        // The log is opened before the command line is read.
+        EXPECT_TRUE(contains(log, "Logging into " + server.log_path())) << name;
         EXPECT_FALSE(contains(log, "Finishing server...")) << log;
         EXPECT_FALSE(contains(log, "Closing Server...")) << log;
         EXPECT_EQ(contains(log, "ERROR: Failed to initialize Tidewell API"), library_fails);
     }
-}
-
-// The catalogue's own errors are checked on its reader; here: read once, before serving.
-TEST(Lifecycle, FirmwareCatalogueProblemsAreLoggedOnceAtStart) {
-    ServerProcess server;
-    const std::string catalogue = server.quellwick_root() + "/tidewell/firmware/firmware.xml";
-    std::filesystem::remove(catalogue);
-    server.run({"--mode", "stop", "--port", std::to_string(server.port())});
-    const std::string log = server.log();
-    EXPECT_EQ(count_of(log, "ERROR: Could not open Firwmare.xml at: " + catalogue + "\n"), 1u)
-        << log;
-    EXPECT_LT(log.find("Firwmare.xml"), log.find("Received STOP command"));
 }
 
 TEST(Lifecycle, StopModeStartsEverythingClosesAtOnceAndTruncatesTheLog) {
@@ -101,16 +79,19 @@ TEST(Lifecycle, StopModeStartsEverythingClosesAtOnceAndTruncatesTheLog) {
     EXPECT_TRUE(contains(silent, "Logging into"));
     EXPECT_EQ(silent.find('\n'), silent.size() - 1) << silent;
 
+    // A missing firmware catalogue is reported once, before serving.
+    const std::string catalogue = server.quellwick_root() + "/tidewell/firmware/firmware.xml";
+    std::filesystem::remove(catalogue);
     ProgramRun run = server.run({"--mode", "stop", "--host", "127.0.0.1", "--port", port});
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_TRUE(contains(run.output, "[Will run as] host=127.0.0.1\n"));
     EXPECT_TRUE(contains(run.output, "[Will run as] port=" + port));
     std::string log = server.log();
     EXPECT_EQ(log.find("Logging into"), log.rfind("Logging into"));
-    EXPECT_TRUE(contains(log, "Centralized Server @ Vistrel"));
-    EXPECT_TRUE(contains(log, "centralizedserver v.2019.03.25"));
     EXPECT_TRUE(contains(log, "Configuration:host=127.0.0.1;port=" + port));
     EXPECT_LT(log.find("Received STOP command"), log.find("WARNING: Closing Server..."));
+    EXPECT_EQ(count_of(log, "ERROR: Could not open Firwmare.xml at: " + catalogue + "\n"), 1u);
+    EXPECT_LT(log.find("Firwmare.xml"), log.find("Received STOP command"));
     // The effective configuration was written beside the default database.
     std::string copy = server.quellwick_root() + "/vistrel/centralizedserver/latest_config.yml";
     EXPECT_TRUE(contains(testing::read_file(copy), "mode: stop"));
@@ -151,7 +132,7 @@ TEST(Lifecycle, DatabaseThatCannotBeCreatedShutsDownWithExitZero) {
     EXPECT_FALSE(contains(log, "Server running"));
 }
 
-TEST(Lifecycle, DebugModeStopsOnAKeyButNotOnEndOfInput) {
+TEST(Lifecycle, DebugModeStopsOnAKeyOrASignalButNotOnEndOfInput) {
     ServerProcess server;
     ASSERT_TRUE(server.start());
     EXPECT_TRUE(server.wait_for_log("Server running, press any key to stop...."));
@@ -159,6 +140,9 @@ TEST(Lifecycle, DebugModeStopsOnAKeyButNotOnEndOfInput) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_TRUE(server.running());
     EXPECT_EQ(server.client().get("/").status, 200);
+    kill(server.pid(), SIGINT);
+    EXPECT_EQ(server.wait_for_exit(), 0);
+    EXPECT_TRUE(contains(server.log(), "Closing Server..."));
 
     ServerProcess keyed;
     ASSERT_TRUE(keyed.start());
@@ -177,7 +161,7 @@ TEST(Lifecycle, DaemonStopsOnOneByteThroughItsFifo) {
     ASSERT_EQ(stat(fifo.c_str(), &info), 0);
     EXPECT_TRUE(S_ISFIFO(info.st_mode));
 
-    // A second daemon cannot take the FIFO of a live one.
+    // A second daemon cannot take the FIFO of a live one; it still stops on SIGTERM.
     ServerProcess second;
     ASSERT_TRUE(std::filesystem::remove_all(second.tmpdir()));
     std::filesystem::create_symlink(server.tmpdir(), second.tmpdir());
@@ -214,16 +198,6 @@ TEST(Lifecycle, DaemonReclaimsAStaleFifoOrAnyOtherFileOfItsName) {
         EXPECT_FALSE(contains(server.output(), "Failed to create pipe")) << stale_fifo;
         write_one_byte(fifo);
         EXPECT_EQ(server.wait_for_exit(), 0);
-    }
-}
-
-TEST(Lifecycle, TerminationSignalsShutDownCleanly) {
-    for (int signal_number : {SIGTERM, SIGINT}) {
-        ServerProcess server;
-        ASSERT_TRUE(server.start());
-        kill(server.pid(), signal_number);
-        EXPECT_EQ(server.wait_for_exit(), 0);
-        EXPECT_TRUE(contains(server.log(), "Closing Server..."));
     }
 }
 

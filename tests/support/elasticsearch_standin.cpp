@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -41,9 +40,7 @@ MHD_Result collect_argument(void* context, MHD_ValueKind /*kind*/, const char* k
 }
 
 bool is_bulk(const RecordedRequest& request) {
-    const std::string_view suffix = "/_bulk";
-    return request.method == "POST" && request.path.size() >= suffix.size() &&
-           request.path.compare(request.path.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return request.method == "POST" && request.path.ends_with("/_bulk");
 }
 
 // The non-empty lines of an NDJSON body.
@@ -80,14 +77,6 @@ std::string RecordedRequest::target() const {
     return query.empty() ? path : path + "?" + query;
 }
 
-ElasticsearchStandIn::ElasticsearchStandIn() {
-    listen(0);
-}
-
-ElasticsearchStandIn::~ElasticsearchStandIn() {
-    stop();
-}
-
 void ElasticsearchStandIn::listen(uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -99,21 +88,12 @@ void ElasticsearchStandIn::listen(uint16_t port) {
                                1U, MHD_OPTION_NOTIFY_COMPLETED, &ElasticsearchStandIn::on_completed,
                                this, MHD_OPTION_END);
     if (daemon_ == nullptr) throw std::runtime_error("Elasticsearch stand-in failed to start");
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
-    port_ = info != nullptr ? info->port : 0;
-    if (port_ == 0) {
-        MHD_stop_daemon(daemon_);
-        daemon_ = nullptr;
-        throw std::runtime_error("Elasticsearch stand-in has no port");
-    }
+    port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
 }
 
 void ElasticsearchStandIn::stop() {
     if (daemon_ == nullptr) return;
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
+    set(stopping_, true);
     silence_ended_.notify_all();
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
@@ -121,26 +101,14 @@ void ElasticsearchStandIn::stop() {
 
 void ElasticsearchStandIn::start() {
     if (daemon_ != nullptr) return;
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = false;
-    }
+    set(stopping_, false);
     listen(port_);
-}
-
-std::string ElasticsearchStandIn::address() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
 }
 
 void ElasticsearchStandIn::answer(int status, std::string body) {
     std::lock_guard lock(mutex_);
     status_ = status;
     body_ = std::move(body);
-}
-
-std::vector<RecordedRequest> ElasticsearchStandIn::requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
 }
 
 void ElasticsearchStandIn::clear() {
@@ -159,52 +127,9 @@ void ElasticsearchStandIn::bulk_status(int status, size_t count) {
     bulk_status_count_ = count;
 }
 
-void ElasticsearchStandIn::bulk_max_documents(size_t documents) {
-    std::lock_guard lock(mutex_);
-    bulk_max_documents_ = documents;
-}
-
-void ElasticsearchStandIn::bulk_item_error(std::string needle) {
-    std::lock_guard lock(mutex_);
-    bulk_item_error_ = std::move(needle);
-}
-
 void ElasticsearchStandIn::bulk_silent(bool silent) {
-    {
-        std::lock_guard lock(mutex_);
-        bulk_silent_ = silent;
-    }
+    set(bulk_silent_, silent);
     silence_ended_.notify_all();
-}
-
-void ElasticsearchStandIn::bulk_discard(bool discard) {
-    std::lock_guard lock(mutex_);
-    bulk_discard_ = discard;
-}
-
-std::map<std::string, std::vector<std::string>> ElasticsearchStandIn::bulk_documents() const {
-    std::lock_guard lock(mutex_);
-    return bulk_documents_;
-}
-
-size_t ElasticsearchStandIn::bulk_document_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_document_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_request_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_request_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_held_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_held_count_;
-}
-
-size_t ElasticsearchStandIn::bulk_replaced_count() const {
-    std::lock_guard lock(mutex_);
-    return bulk_replaced_count_;
 }
 
 std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequest& request) {
@@ -234,18 +159,17 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
             id = action.begin()->value("_id", "");
         }
         nlohmann::json item = {{"_index", index}};
+        auto refuse = [&](const char* type, const std::string& reason) {
+            errors = true;
+            item["status"] = 400;
+            item["error"] = {{"type", type}, {"reason", reason}};
+        };
         std::string_view document = lines[i + 1];
         if (index.empty() || !nlohmann::json::accept(document)) {
-            errors = true;
-            item["status"] = 400;
-            item["error"] = {{"type", "illegal_argument_exception"},
-                             {"reason", "no index or no JSON document"}};
+            refuse("illegal_argument_exception", "no index or no JSON document");
         } else if (!bulk_item_error_.empty() &&
                    document.find(bulk_item_error_) != std::string_view::npos) {
-            errors = true;
-            item["status"] = 400;
-            item["error"] = {{"type", "mapper_parsing_exception"},
-                             {"reason", "failed to parse field [" + bulk_item_error_ + "]"}};
+            refuse("mapper_parsing_exception", "failed to parse field [" + bulk_item_error_ + "]");
         } else {
             std::vector<std::string>& stored = bulk_documents_[index];
             auto known = id.empty() ? bulk_positions_.end() : bulk_positions_.find({index, id});

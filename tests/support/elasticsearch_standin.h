@@ -45,20 +45,20 @@ struct RecordedRequest {
 class ElasticsearchStandIn {
   public:
     // Starts listening; throws std::runtime_error when the server cannot start.
-    ElasticsearchStandIn();
-    ~ElasticsearchStandIn();
+    ElasticsearchStandIn() { listen(0); }
+    ~ElasticsearchStandIn() { stop(); }
     ElasticsearchStandIn(const ElasticsearchStandIn&) = delete;
     ElasticsearchStandIn& operator=(const ElasticsearchStandIn&) = delete;
 
     uint16_t port() const { return port_; }
     // "http://127.0.0.1:<port>", without a trailing "/".
-    std::string address() const;
+    std::string address() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     // The answer to every later request.
     void answer(int status, std::string body);
 
     // Copies of the requests received so far, oldest first.
-    std::vector<RecordedRequest> requests() const;
+    std::vector<RecordedRequest> requests() const { return locked(requests_); }
     // Forgets the recorded requests and bulk documents.
     void clear();
 
@@ -66,28 +66,30 @@ class ElasticsearchStandIn {
     // error body; their documents are not recorded.
     void bulk_status(int status, size_t count = std::numeric_limits<size_t>::max());
     // Bulk requests of more than `documents` documents are answered 413 (0: no limit).
-    void bulk_max_documents(size_t documents);
+    void bulk_max_documents(size_t documents) { set(bulk_max_documents_, documents); }
     // Documents whose text contains `needle` are refused one by one (item status 400, a
     // mapper_parsing_exception with a reason); the others of the request are recorded. An
     // empty needle refuses none.
-    void bulk_item_error(std::string needle);
+    void bulk_item_error(std::string needle) { set(bulk_item_error_, std::move(needle)); }
     // While silent, bulk requests are read but not answered (the client times out); they are
     // answered normally when silence ends.
     void bulk_silent(bool silent);
     // Counts documents without keeping them or the requests (long benchmarks).
-    void bulk_discard(bool discard);
+    void bulk_discard(bool discard) { set(bulk_discard_, discard); }
 
     // Documents recorded by index name, each index in arrival order. A document sent again
     // with the "_id" of one already recorded replaces it in place, as Elasticsearch does.
-    std::map<std::string, std::vector<std::string>> bulk_documents() const;
+    std::map<std::string, std::vector<std::string>> bulk_documents() const {
+        return locked(bulk_documents_);
+    }
     // Documents received and accepted, also those discarded.
-    size_t bulk_document_count() const;
+    size_t bulk_document_count() const { return locked(bulk_document_count_); }
     // Bulk requests answered, whatever the answer.
-    size_t bulk_request_count() const;
+    size_t bulk_request_count() const { return locked(bulk_request_count_); }
     // Bulk requests held unanswered by silence right now.
-    size_t bulk_held_count() const;
+    size_t bulk_held_count() const { return locked(bulk_held_count_); }
     // Documents that replaced one with the same "_id".
-    size_t bulk_replaced_count() const;
+    size_t bulk_replaced_count() const { return locked(bulk_replaced_count_); }
 
     // Stops listening: connections are refused until start(). Requests in progress end.
     void stop();
@@ -99,6 +101,17 @@ class ElasticsearchStandIn {
     static uint16_t closed_port();
 
   private:
+    template <typename T>
+    T locked(const T& member) const {
+        std::lock_guard lock(mutex_);
+        return member;
+    }
+    template <typename T>
+    void set(T& member, T value) {
+        std::lock_guard lock(mutex_);
+        member = std::move(value);
+    }
+
     static MHD_Result on_request(void* self, MHD_Connection* connection, const char* url,
                                  const char* method, const char* version, const char* upload,
                                  size_t* upload_size, void** context);

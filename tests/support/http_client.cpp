@@ -56,13 +56,17 @@ void perform(CURL* handle, HttpResponse& response) {
     }
 }
 
-}  // namespace
-
-HttpResponse HttpClient::get(const std::string& path_and_query,
-                             const std::vector<std::string>& headers,
-                             const std::string& ca_file) const {
+// One transfer. `method` replaces the default (GET, or POST when there is a body).
+HttpResponse transfer(const std::string& url, const std::string& method, const std::string* body,
+                      const std::vector<std::string>& headers, const std::string& ca_file = {}) {
     HttpResponse response;
-    auto handle = make_handle(base_url_ + path_and_query, response);
+    auto handle = make_handle(url, response);
+    if (!method.empty()) curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+    if (method == "HEAD") curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
+    if (body != nullptr) {
+        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body->data());
+        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
+    }
     curl_slist* list = nullptr;
     for (const std::string& header : headers) list = curl_slist_append(list, header.c_str());
     if (list != nullptr) curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, list);
@@ -72,32 +76,22 @@ HttpResponse HttpClient::get(const std::string& path_and_query,
     return response;
 }
 
+}  // namespace
+
+HttpResponse HttpClient::get(const std::string& path_and_query,
+                             const std::vector<std::string>& headers,
+                             const std::string& ca_file) const {
+    return transfer(base_url_ + path_and_query, {}, nullptr, headers, ca_file);
+}
+
 HttpResponse HttpClient::post(const std::string& path, const std::string& body,
                               const std::string& content_type) const {
-    HttpResponse response;
-    auto handle = make_handle(base_url_ + path, response);
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-    std::string header = "Content-Type: " + content_type;
-    curl_slist* headers = curl_slist_append(nullptr, header.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, headers);
-    perform(handle.get(), response);
-    curl_slist_free_all(headers);
-    return response;
+    return transfer(base_url_ + path, {}, &body, {"Content-Type: " + content_type});
 }
 
 HttpResponse HttpClient::request(const std::string& method, const std::string& path,
                                  const std::string& body) const {
-    HttpResponse response;
-    auto handle = make_handle(base_url_ + path, response);
-    curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
-    if (method == "HEAD") curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
-    if (!body.empty()) {
-        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
-        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-    }
-    perform(handle.get(), response);
-    return response;
+    return transfer(base_url_ + path, method, body.empty() ? nullptr : &body, {});
 }
 
 HttpResponse HttpClient::post_form(const std::string& path, const std::vector<FormPart>& parts,
@@ -115,19 +109,6 @@ HttpResponse HttpClient::post_form(const std::string& path, const std::vector<Fo
     curl_easy_setopt(handle.get(), CURLOPT_MIMEPOST, form);
     perform(handle.get(), response);
     curl_mime_free(form);
-    return response;
-}
-
-HttpResponse HttpClient::download(const std::string& path_and_query,
-                                  const std::string& file) const {
-    HttpResponse response;
-    auto handle = make_handle(base_url_ + path_and_query, response);
-    FILE* out = std::fopen(file.c_str(), "wb");
-    if (out == nullptr) return response;
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, nullptr);
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, out);
-    perform(handle.get(), response);
-    std::fclose(out);
     return response;
 }
 

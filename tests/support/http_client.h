@@ -34,8 +34,6 @@ class HttpClient {
                          const std::string& body = {}) const;
     HttpResponse post_form(const std::string& path, const std::vector<FormPart>& parts,
                            const std::string& ca_file = {}) const;
-    // GET written straight into a file (large downloads).
-    HttpResponse download(const std::string& path_and_query, const std::string& file) const;
 
     const std::string& base_url() const { return base_url_; }
 

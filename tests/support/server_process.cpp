@@ -74,14 +74,6 @@ ServerProcess::ServerProcess() : port_(free_loopback_port()) {
     stage_program_folder(quellwick_root());
 }
 
-ServerProcess::~ServerProcess() {
-    if (pid_ > 0) stop();
-}
-
-std::string ServerProcess::base_url() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
-}
-
 std::vector<std::string> ServerProcess::environment() const {
     std::map<std::string, std::string> merged;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -141,12 +133,8 @@ bool ServerProcess::start(std::vector<std::string> arguments) {
     }
     launch(std::move(arguments));
     HttpClient http = client();
-    for (int attempt = 0; attempt < 600; ++attempt) {
-        if (!running()) return false;
-        if (http.get("/getStatus").status == 200) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
+    return eventually([&] { return !running() || http.get("/getStatus").status == 200; }, 30) &&
+           running();
 }
 
 ProgramRun ServerProcess::run(const std::vector<std::string>& arguments, int timeout_seconds) {
@@ -205,21 +193,8 @@ void ServerProcess::close_stdin() {
     }
 }
 
-std::string ServerProcess::log() const {
-    return read_file(log_path());
-}
-
-std::string ServerProcess::output() const {
-    return read_file(sandbox_.file("output.txt"));
-}
-
 bool ServerProcess::wait_for_log(const std::string& text, int timeout_seconds) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (log().find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([&] { return log().find(text) != std::string::npos; }, timeout_seconds);
 }
 
 }  // namespace vistrel::testing

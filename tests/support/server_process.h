@@ -27,7 +27,9 @@ class ServerProcess {
   public:
     ServerProcess();
     // Stops the server (SIGTERM) if it still runs.
-    ~ServerProcess();
+    ~ServerProcess() {
+        if (pid_ > 0) stop();
+    }
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
@@ -53,7 +55,7 @@ class ServerProcess {
     pid_t pid() const { return pid_; }
 
     int port() const { return port_; }
-    std::string base_url() const;
+    std::string base_url() const { return "http://127.0.0.1:" + std::to_string(port_); }
     HttpClient client() const { return HttpClient(base_url()); }
 
     const TempDir& sandbox() const { return sandbox_; }
@@ -61,8 +63,8 @@ class ServerProcess {
     std::string tmpdir() const { return sandbox_.file("tmp"); }
     std::string quellwick_root() const { return sandbox_.file("quellwick"); }
     std::string log_path() const { return tmpdir() + "/vistrelserveres.log"; }
-    std::string log() const;
-    std::string output() const;
+    std::string log() const { return read_file(log_path()); }
+    std::string output() const { return read_file(sandbox_.file("output.txt")); }
     // Waits (up to `timeout_seconds`) until the log contains `text`.
     bool wait_for_log(const std::string& text, int timeout_seconds = 20) const;
 

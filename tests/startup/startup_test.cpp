@@ -1,5 +1,4 @@
-#include "startup/configuration.h"
-
+// The command line, the configuration file and the log, without starting the program.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -10,11 +9,14 @@
 #include "host/disk.h"
 #include "host/paths.h"
 #include "startup/commandline.h"
+#include "startup/configuration.h"
+#include "startup/logger.h"
 #include "support/temp_dir.h"
 
 namespace vistrel {
 namespace {
 
+using testing::read_file;
 using testing::TempDir;
 using testing::write_file;
 
@@ -58,7 +60,6 @@ TEST_F(CommandLineTest, DefaultsDeriveTheCapturesTreeAndBindToLoopback) {
     EXPECT_EQ(config_.analyze_capture_path, home() + "/Documents/Vistrel/analyzed_captures");
     EXPECT_TRUE(host::folder_exists(config_.capture_path));
     EXPECT_TRUE(host::folder_exists(config_.analyze_capture_path));
-    EXPECT_TRUE(printed("[Set Up] Captures parent path: '" + home() + "/Documents/Vistrel'"));
     EXPECT_TRUE(printed("[Set Up] Missing config, binding to defaults - 127.0.0.1"));
     EXPECT_EQ(config_.host, "127.0.0.1");
     EXPECT_EQ(config_.port, 8081u);
@@ -186,45 +187,33 @@ TEST_F(CommandLineTest, YamlFileErrorsEndWithTheirMessages) {
 
     write_file(dir_.file("badbool.yml"), "server:\n  bindall: maybe\n");
     EXPECT_EQ(parse({"--config", dir_.file("badbool.yml")}).exit_code, -1);
-    EXPECT_TRUE(printed("[Config Load] Error reading config file"));
 
     write_file(dir_.file("badmode.yml"), "general:\n  mode: Debug\n");
     EXPECT_EQ(parse({"--config", dir_.file("badmode.yml")}).exit_code, -1);
 }
 
 TEST_F(CommandLineTest, YamlWithoutServerSectionBindsToAll) {
-    write_file(dir_.file("x.yml"),
-               "general:\n  captures: caps\n  loglevel: debug\n  ntp_server: 127.0.0.1:1123\n"
-               "  force_tshark: true\ndatabase: dbs/v.db\n");
-    EXPECT_FALSE(config_.force_tshark);
+    write_file(dir_.file("x.yml"), "general:\n  captures: caps\n  loglevel: debug\n");
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
-    EXPECT_TRUE(config_.force_tshark);
     EXPECT_TRUE(printed("[Config Load] No server configuration found, binding to all as default"));
     EXPECT_TRUE(config_.bindall);
     EXPECT_EQ(config_.host, "");
     EXPECT_EQ(config_.mode, "start");
     EXPECT_EQ(config_.loglevel, 6u);
-    EXPECT_EQ(config_.ntp_server, "127.0.0.1:1123");
-    EXPECT_EQ(config_.captures, home() + "/caps");
     EXPECT_EQ(config_.capture_path, home() + "/caps/captures");
-    EXPECT_EQ(config_.database, home() + "/dbs/v.db");
 }
 
 TEST_F(CommandLineTest, SecuritySectionSetsLimitsPathsAndCredentials) {
     write_file(dir_.file("x.yml"),
                "server:\n  host: 127.0.0.1\nsecurity:\n  capture_folders: [old, /srv/caps]\n"
-               "  static_root: web\n  connection_timeout: 5\n  max_connections: 10\n"
-               "  max_connections_per_client: 2\n  worker_threads: 0\n  max_json_body: 100\n"
+               "  static_root: web\n  max_connections: 10\n  worker_threads: 0\n"
                "  tls_certificate: tls/c.pem\n  tls_key: /etc/k.pem\n  bearer_token: t\n");
     EXPECT_TRUE(parse({"--config", dir_.file("x.yml")}).proceed);
     const SecuritySettings& security = config_.security;
     EXPECT_EQ(security.capture_folders, (std::vector<std::string>{home() + "/old", "/srv/caps"}));
     EXPECT_EQ(security.static_root, home() + "/web");
-    EXPECT_EQ(security.connection_timeout, 5u);
     EXPECT_EQ(security.max_connections, 10u);
-    EXPECT_EQ(security.max_connections_per_client, 2u);
-    EXPECT_EQ(security.worker_threads, 1u);
-    EXPECT_EQ(security.max_json_body, 100u);
+    EXPECT_EQ(security.worker_threads, 1u);  // at least one
     EXPECT_TRUE(security.tls());
     EXPECT_EQ(security.tls_certificate, home() + "/tls/c.pem");
     EXPECT_TRUE(security.authentication());
@@ -263,11 +252,96 @@ TEST_F(CommandLineTest, WrittenCopyLoadsBackToTheSameSettings) {
     EXPECT_EQ(reloaded.captures, config_.captures);
     EXPECT_EQ(reloaded.database, config_.database);
 
-    ::testing::internal::CaptureStdout();
     EXPECT_NE(config_.write_yaml(dir_.file("no/such/folder/latest_config.yml")), 0);
-    std::string printed = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed.rfind("Error Wrinting Yaml Config #", 0), 0u) << printed;
-    EXPECT_EQ(printed.back(), '\n');
+}
+
+class LoggerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        log_.open(dir_.file("test.log"));
+        ::testing::internal::CaptureStdout();
+    }
+    std::string finish() {
+        console_ = ::testing::internal::GetCapturedStdout();
+        log_.close();
+        return read_file(dir_.file("test.log"));
+    }
+    TempDir dir_;
+    Logger log_;
+    std::string console_;
+};
+
+TEST_F(LoggerTest, FileAndConsoleCarryTheSameLinesWithPrefixes) {
+    log_.set_level(kLogWarning);
+    log_.log(kLogError, "main.cpp", 12, "failed %d", 7);
+    log_.log(kLogWarning, "main.cpp", 13, "careful");
+    log_.log(kLogNormal, "main.cpp", 14, "not written");
+    std::string file = finish();
+    EXPECT_EQ(file, console_);
+    EXPECT_NE(file.find(" [main.cpp:12] ERROR: failed 7\n"), std::string::npos);
+    EXPECT_NE(file.find(" [main.cpp:13] WARNING: careful\n"), std::string::npos);
+    EXPECT_EQ(file.find("not written"), std::string::npos);
+    // Each line starts with the local time, e.g. 14/Nov/2026 09:05:07.
+    EXPECT_EQ(file[2], '/');
+    EXPECT_EQ(file[6], '/');
+    EXPECT_EQ(file.substr(11, 1), " ");
+}
+
+TEST_F(LoggerTest, ThresholdsPassTheirLevelAndBelowAndZeroSilencesEvenErrors) {
+    log_.set_level(kLogInfo);
+    log_.log(kLogInfo, "a.cpp", 1, "info");
+    log_.log(5, "a.cpp", 3, "five");
+    log_.set_level(kLogError);
+    log_.log(kLogError, "a.cpp", 1, "error");
+    std::string file = finish();
+    EXPECT_NE(file.find("info"), std::string::npos);
+    EXPECT_EQ(file.find("five"), std::string::npos);
+    EXPECT_EQ(file.find("error"), std::string::npos);
+}
+
+// Trailing line feeds go, carriage returns stay; the source name is what follows the last
+// backslash only.
+TEST_F(LoggerTest, LineEndsAndSourceNames) {
+    log_.log(kLogNormal, "a.cpp", 1, "one\n\n\n");
+    log_.log(kLogNormal, "a.cpp", 2, "two\r\n");
+    log_.log(kLogNormal, "a.cpp", 3, "100%%");
+    log_.log(kLogNormal, "C:\\src\\startup\\main.cpp", 5, "x");
+    log_.log(kLogNormal, "/src/startup/main.cpp", 6, "y");
+    std::string file = finish();
+    EXPECT_NE(file.find("] one\n"), std::string::npos);
+    EXPECT_NE(file.find("] two\r\n"), std::string::npos);
+    EXPECT_NE(file.find("] 100%\n"), std::string::npos);
+    EXPECT_NE(file.find("[main.cpp:5] x"), std::string::npos);
+    EXPECT_NE(file.find("[/src/startup/main.cpp:6] y"), std::string::npos);
+}
+
+TEST_F(LoggerTest, LongMessagesAreCutToTheBufferSizes) {
+    std::string huge(10000, 'a');
+    log_.log(kLogNormal, "a.cpp", 1, "%s", huge.c_str());
+    // 8191 characters and the final line feed.
+    EXPECT_EQ(finish().size(), 8192u);
+}
+
+// The names themselves are read through the configuration's tests.
+TEST(LoggerLevels, UnknownNamesAndNumbers) {
+    // Names match exactly; anything else reads as normal.
+    EXPECT_EQ(level_from_name("Debug"), 2u);
+    EXPECT_EQ(level_from_name("verbose"), 2u);
+    EXPECT_EQ(name_from_level(4), "invalid");
+    Logger log;
+    log.set_level(12);
+    EXPECT_EQ(log.level(), 9u);
+}
+
+TEST(LoggerOpen, UnwritableLogFallsBackToConsoleWithAnErrorLine) {
+    Logger log;
+    ::testing::internal::CaptureStdout();
+    log.open("/nonexistent-folder/vistrelserveres.log");
+    log.log(kLogNormal, "a.cpp", 1, "still here");
+    std::string console = ::testing::internal::GetCapturedStdout();
+    EXPECT_NE(console.find("ERROR: Unable to create log /nonexistent-folder/vistrelserveres.log"),
+              std::string::npos);
+    EXPECT_NE(console.find("still here"), std::string::npos);
 }
 
 }  // namespace
