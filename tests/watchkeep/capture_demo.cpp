@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "capturefilewriter.h"
@@ -49,18 +50,16 @@ uint64_t now_ms() {
                                      std::chrono::system_clock::now().time_since_epoch())
                                      .count());
 }
-size_t count_lines(const std::string& text) {
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
 
 // Packets of a pcapng stream, all and those matching a display filter.
 size_t packets_in(const TempDir& folder, const std::string& name, const std::string& bytes,
                   const std::string& filter = "") {
     const std::string path = folder.file(name);
     write_file(path, bytes);
-    return count_lines(run_command("tshark -r '" + path + "'" +
-                                   (filter.empty() ? "" : " -Y '" + filter + "'") +
-                                   " 2>/dev/null"));
+    const std::string listed =
+        run_command("tshark -r '" + path + "'" + (filter.empty() ? "" : " -Y '" + filter + "'") +
+                    " 2>/dev/null");
+    return static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n'));
 }
 
 }  // namespace
@@ -142,22 +141,20 @@ int main() {
 
     step("Capture files");
     const std::string captures = server.home() + "/Documents/Vistrel/captures";
-    size_t files = 0;
+    std::map<std::string, std::string> described;  // path -> "path\tpackets\n" of capinfos
     for (const std::string source : {"lo", "demo-left"}) {
         std::vector<std::string> paths;
         for (const auto& entry : fs::directory_iterator(captures + "/" + source)) {
             paths.push_back(entry.path().string());
         }
         std::sort(paths.begin(), paths.end());
-        size_t count = 0;
         for (const auto& path : paths) {
             const std::string info = run_command("capinfos -T -r -c -M '" + path + "'");
             say(path + ": " + info.substr(info.find('\t') + 1, info.size() - info.find('\t') - 2) +
                 " packets");
-            ++count;
+            described[path] = info;
         }
-        check(count > 0, std::to_string(count) + " files of " + source);
-        files += count;
+        check(!paths.empty(), std::to_string(paths.size()) + " files of " + source);
     }
 
     step("The capture index (GET /addFile from the engine)");
@@ -165,30 +162,21 @@ int main() {
         database,
         "SELECT group_concat(source || ' ' || n_packets || ' ' || file_path, char(10)) "
         "FROM TidewellCapture");
-    for (size_t at = 0; at < rows.size();) {
-        size_t end = rows.find('\n', at);
-        say(rows.substr(at, end - at));
-        at = end == std::string::npos ? rows.size() : end + 1;
+    size_t row_count = 0;
+    size_t mismatches = 0;
+    std::istringstream lines(rows);
+    for (std::string row; std::getline(lines, row); ++row_count) {
+        say(row);
+        const size_t count_at = row.find(' ') + 1;
+        const size_t path_at = row.find(' ', count_at) + 1;
+        const std::string path = row.substr(path_at);
+        const auto found = described.find(path);
+        const std::string count = row.substr(count_at, path_at - 1 - count_at);
+        if (found == described.end() || found->second != path + "\t" + count + "\n") ++mismatches;
     }
-    const std::string row_count = sqlite_value(database, "SELECT count(*) FROM TidewellCapture");
-    check(row_count == std::to_string(files),
-          row_count + " rows for " + std::to_string(files) + " files");
-    const std::string mismatches = [&] {
-        size_t wrong = 0;
-        std::string list = sqlite_value(database,
-                                        "SELECT group_concat(file_path || char(9) || n_packets, "
-                                        "char(10)) FROM TidewellCapture");
-        for (size_t at = 0; at < list.size();) {
-            size_t end = list.find('\n', at);
-            const std::string line = list.substr(at, end - at);
-            at = end == std::string::npos ? list.size() : end + 1;
-            const std::string path = line.substr(0, line.find('\t'));
-            const std::string info = run_command("capinfos -T -r -c -M '" + path + "'");
-            if (info != line + "\n") ++wrong;
-        }
-        return std::to_string(wrong);
-    }();
-    check(mismatches == "0", "packet counts of the rows agree with capinfos");
+    check(row_count == described.size(),
+          std::to_string(row_count) + " rows for " + std::to_string(described.size()) + " files");
+    check(mismatches == 0, "packet counts of the rows agree with capinfos");
 
     step("Records sent to Elasticsearch");
     size_t total = 0;
