@@ -16,7 +16,6 @@
 #include "support/elasticsearch_standin.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
-#include "watchkeep/loopback_traffic.h"
 
 namespace vistrel::testing {
 namespace {
@@ -99,19 +98,6 @@ class EngineProgramTest : public ::testing::Test {
         }
         return found;
     }
-    // Packets, first and last time of a file as Wireshark's capinfos reads it, and the same
-    // from a registration.
-    static std::string capinfos(const std::string& path) {
-        std::string line = run_command("capinfos -T -r -c -a -e -S -M '" + path + "'");
-        return line.substr(line.find('\t') + 1);
-    }
-    static std::string described(const Arguments& report) {
-        auto seconds = [](const std::string& ns) {
-            return ns.substr(0, ns.size() - 9) + "." + ns.substr(ns.size() - 9);
-        };
-        return report.at("n_packets") + "\t" + seconds(report.at("start_ts")) + "\t" +
-               seconds(report.at("end_ts")) + "\n";
-    }
 
     TempDir folder;
     ElasticsearchStandIn recorder;
@@ -152,23 +138,19 @@ TEST_F(EngineProgramTest, WhatCannotBeUsedEndsWithOneLineAndCode2) {
     }
 }
 
-// A live capture and a device folder while the server and Elasticsearch are away: the STOP line
-// ends it within the server's grace, every packet in a file, and what could not be sent waits on
-// disk. The next run, an analysis that ends by itself, sends that first, each item once.
-TEST_F(EngineProgramTest, CapturesEndOnStopAndWhatWaitsOnDiskGoesOutWithTheNextRun) {
+// A capture while the server and Elasticsearch are away: the STOP line ends it within the
+// server's grace, and what could not be sent waits on disk. The next run, ended by the end of its
+// input, sends that first, each item once.
+TEST_F(EngineProgramTest, WhatWaitsOnDiskAfterAStopGoesOutWithTheNextRun) {
     recorder.stop();
-    const std::string lo_folder = folder.file("captures/lo");
     const std::string device_folder = folder.file("captures/left");
-    EngineRun live(folder);
-    ASSERT_TRUE(live.start({"/c", "--interface", "lo", "-P", "left;" + device_folder + ";1;10;1",
-                            "--dump-flows", dump_flows(), "--dns-mode", "3"},
-                           environment()));
-    // Capturing once its folders exist.
-    ASSERT_TRUE(eventually([&] { return fs::exists(lo_folder) && fs::exists(device_folder); }, 10))
-        << live.error_output();
-    std::this_thread::sleep_for(milliseconds(300));
-    LoopbackTraffic traffic;
-    traffic.send(300);
+    const std::vector<std::string> arguments = {"/c", "-P", "left;" + device_folder + ";1;10;1",
+                                                "--dump-flows", dump_flows()};
+    EngineRun first(folder);
+    ASSERT_TRUE(first.start(arguments, environment()));
+    // Watching once its folder exists.
+    ASSERT_TRUE(eventually([&] { return fs::exists(device_folder); }, 10)) << first.error_output();
+    std::this_thread::sleep_for(milliseconds(200));
 
     // A device closes one file and is still writing the next when the capture stops.
     const uint64_t base = 1795428000ULL * 1'000'000'000ULL;
@@ -183,73 +165,30 @@ TEST_F(EngineProgramTest, CapturesEndOnStopAndWhatWaitsOnDiskGoesOutWithTheNextR
     still_open.write_packet(0, base + 100, data, 80);
     still_open.flush();
     std::this_thread::sleep_for(milliseconds(300));
-
-    live.write_input("STOP\r\n");
-    EXPECT_EQ(live.wait(7), 0) << live.error_output();
-    std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator(lo_folder)) files.push_back(entry.path());
-    ASSERT_EQ(files.size(), 1u);
-    const std::string lo_file = files[0];
-    EXPECT_TRUE(fs::path(lo_file).filename().string().starts_with("lo_"));
-    EXPECT_TRUE(lo_file.ends_with("_00001.pcapng"));
-    const std::string udp = run_command("tshark -r '" + lo_file + "' -Y 'udp.dstport==" +
-                                        std::to_string(traffic.port()) + "' | wc -l");
-    EXPECT_EQ(std::stoi(udp), 300);
+    first.write_input("STOP\r\n");
+    EXPECT_EQ(first.wait(7), 0) << first.error_output();
+    EXPECT_TRUE(reports().empty());
     EXPECT_FALSE(fs::is_empty(folder.file("captures/.watchkeep-spool")));
 
     recorder.start();
-    const std::string trace = folder.file("trace.pcap");
-    PcapBuilder pcap;
-    for (uint32_t i = 0; i < 7; ++i)
-        pcap.record(1795428000 + i, 250, udp_frame(90, "10.0.0.3", "10.0.0.4", 5000, 80));
-    write_file(trace, pcap.bytes());
-    EngineRun analysis(folder);
-    ASSERT_TRUE(analysis.start(
-        {"/c", "--interface", trace, "--dump-flows", dump_flows(), "--http-tidewell-index",
-         "es;tidewell;" + recorder.address() + "/_bulk;", "--shutdown-when-done", "--dns-mode", "1",
-         "--arp-es", "--pkt-stats-es", "--daemon"},
-        environment()));
-    // Its standard input stays open: it ends because the file is done.
-    EXPECT_EQ(analysis.wait(10), 0) << analysis.error_output();
-
-    std::vector<Arguments> registered = reports();
-    ASSERT_EQ(registered.size(), 4u);
-    EXPECT_EQ(registered[3], (Arguments{{"file_path", trace},
-                                        {"source", "upload"},
-                                        {"n_packets", "7"},
-                                        {"start_ts", "1795428000000250000"},
-                                        {"end_ts", "1795428006000250000"},
+    EngineRun next(folder);
+    ASSERT_TRUE(next.start(arguments, environment()));
+    next.close_input();
+    EXPECT_EQ(next.wait(7), 0) << next.error_output();
+    const std::vector<Arguments> registered = reports();
+    ASSERT_EQ(registered.size(), 2u);
+    EXPECT_EQ(registered[0], (Arguments{{"file_path", device_folder + "/left_1.pcapng"},
+                                        {"source", "left"},
+                                        {"n_packets", "5"},
+                                        {"start_ts", std::to_string(base)},
+                                        {"end_ts", std::to_string(base + 4)},
                                         {"es_index", "vistrel"}}));
-    std::map<std::string, Arguments> by_path;
-    for (const auto& report : registered) by_path[report.at("file_path")] = report;
-    EXPECT_EQ(by_path[lo_file]["source"], "lo");
-    EXPECT_EQ(capinfos(lo_file), described(by_path[lo_file]));
-    EXPECT_EQ(by_path[device_folder + "/left_1.pcapng"],
-              (Arguments{{"file_path", device_folder + "/left_1.pcapng"},
-                         {"source", "left"},
-                         {"n_packets", "5"},
-                         {"start_ts", std::to_string(base)},
-                         {"end_ts", std::to_string(base + 4)},
-                         {"es_index", "vistrel"}}));
-    EXPECT_EQ(by_path[device_folder + "/left_2.pcapng"]["n_packets"], "1");
-
-    const auto flows = flows_to(traffic.port());
-    ASSERT_EQ(flows.size(), 1u);
-    EXPECT_EQ(flows[0]["INTERFACE"], "lo");
-    for (const char* field : {"@timestamp", "IP_SRC", "IP_DST", "L4_SRC_PORT", "IP_PROTOCOL",
-                              "MAC_SRC", "MAC_DST", "ETH_TYPE"}) {
-        EXPECT_TRUE(flows[0].contains(field)) << field << " missing in " << flows[0].dump();
-    }
-}
-
-TEST_F(EngineProgramTest, TheEndOfInputEndsACapture) {
-    EngineRun run(folder);
-    ASSERT_TRUE(run.start(
-        {"/c", "-P", "left;" + folder.file("left") + ";1;10;1", "--dump-flows", dump_flows()},
-        environment()));
-    ASSERT_TRUE(eventually([&] { return fs::exists(folder.file("left")); }, 10));
-    run.close_input();
-    EXPECT_EQ(run.wait(7), 0) << run.error_output();
+    EXPECT_EQ(registered[1].at("file_path"), device_folder + "/left_2.pcapng");
+    EXPECT_EQ(registered[1].at("n_packets"), "1");
+    const auto flows = flows_to(53);
+    ASSERT_FALSE(flows.empty());
+    for (const auto& flow : flows) EXPECT_EQ(flow["INTERFACE"], "left") << flow.dump();
+    EXPECT_EQ(recorder.bulk_replaced_count(), 0u);
 }
 
 }  // namespace
