@@ -2,6 +2,9 @@
 // server, the real capture engine staged by the build, a simulated device and the loopback
 // interface. Elasticsearch is the test suite's recording stand-in. Ends with status 0 when
 // every step gave what it should, 1 otherwise.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,11 +18,11 @@
 #include "capturefilewriter.h"
 #include "database/sqlite_query.h"
 #include "host/processes.h"
+#include "host/uniquefd.h"
 #include "support/elasticsearch_standin.h"
 #include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
-#include "watchkeep/loopback_traffic.h"
 
 namespace {
 
@@ -60,6 +63,26 @@ size_t packets_in(const TempDir& folder, const std::string& name, const std::str
         run_command("tshark -r '" + path + "'" + (filter.empty() ? "" : " -Y '" + filter + "'") +
                     " 2>/dev/null");
     return static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n'));
+}
+
+// Sends `count` UDP datagrams from 127.0.0.1 to the sending socket itself, so that lo carries
+// them without ICMP answers; returns its port.
+uint16_t send_on_loopback(int count, const std::string& payload) {
+    vistrel::host::UniqueFd udp(socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(udp.get(), reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(udp.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    for (int i = 0; i < count; ++i) {
+        sendto(udp.get(), payload.data(), payload.size(), 0,
+               reinterpret_cast<const sockaddr*>(&address), length);
+        // Drained so that the receive buffer never overflows.
+        char sink[2048];
+        recv(udp.get(), sink, sizeof sink, MSG_DONTWAIT);
+    }
+    return ntohs(address.sin_port);
 }
 
 }  // namespace
@@ -124,10 +147,8 @@ int main() {
     check(vistrel::host::process_exists("watchkeep"), "the engine runs");
 
     step("Traffic on lo");
-    LoopbackTraffic traffic;
-    traffic.send(kDatagrams, "vistrel demo datagram");
-    say(std::to_string(kDatagrams) +
-        " UDP datagrams sent to 127.0.0.1:" + std::to_string(traffic.port()));
+    const uint16_t port = send_on_loopback(kDatagrams, "vistrel demo datagram");
+    say(std::to_string(kDatagrams) + " UDP datagrams sent to 127.0.0.1:" + std::to_string(port));
     std::this_thread::sleep_for(milliseconds(3000));
 
     step("GET /stopCaptureAll");
@@ -192,17 +213,17 @@ int main() {
     const std::string range =
         "/getCapture?from=" + std::to_string(from_ms) + "&to=" + std::to_string(to_ms);
     reply = client.get(range);
-    const std::string mine = "udp.dstport==" + std::to_string(traffic.port());
+    const std::string mine = "udp.dstport==" + std::to_string(port);
     const size_t all = packets_in(scratch, "all.pcapng", reply.body);
     const size_t sent = packets_in(scratch, "all.pcapng", reply.body, mine);
     say("unfiltered: " + std::to_string(all) + " packets (lo and the device), " +
         std::to_string(sent) + " of them the datagrams sent");
     check(reply.status == 200 && sent == kDatagrams, "every datagram sent is in the download");
     reply = client.get(range + "&var-esinterface=lo&var-Filters=" +
-                       url_encode("L4_DST_PORT|=|" + std::to_string(traffic.port())));
+                       url_encode("L4_DST_PORT|=|" + std::to_string(port)));
     const size_t filtered = packets_in(scratch, "filtered.pcapng", reply.body);
-    say("filtered on lo and L4_DST_PORT " + std::to_string(traffic.port()) + ": " +
-        std::to_string(filtered) + " packets");
+    say("filtered on lo and L4_DST_PORT " + std::to_string(port) + ": " + std::to_string(filtered) +
+        " packets");
     check(reply.status == 200 && filtered == kDatagrams,
           "the filtered download is exactly the datagrams");
 
