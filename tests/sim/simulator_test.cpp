@@ -63,14 +63,14 @@ class SimulatorTest : public ::testing::Test {
         logger().open(temp_.file("test.log"));
         logger().set_level(kLogTrace);
         devices::clear_registry();
-        devices::set_new_device_subscriber([this](StatsThreadInfo info) {
-            std::lock_guard lock(events_mutex_);
-            events_.push_back("new " + std::to_string(info.handle));
-        });
-        devices::set_device_gone_subscriber([this](StatsThreadInfo info) {
-            std::lock_guard lock(events_mutex_);
-            events_.push_back("gone " + std::to_string(info.handle));
-        });
+        auto note = [this](std::string what) {
+            return [this, what](StatsThreadInfo info) {
+                std::lock_guard lock(events_mutex_);
+                events_.push_back(what + " " + std::to_string(info.handle));
+            };
+        };
+        devices::set_new_device_subscriber(note("new"));
+        devices::set_device_gone_subscriber(note("gone"));
     }
 
     void TearDown() override {

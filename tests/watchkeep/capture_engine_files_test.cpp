@@ -140,17 +140,11 @@ TEST(FileReporter, RegistersInOrderAndKeepsWhatTheServerDidNotTake) {
         }
         return queries;
     };
-    {
-        FileReporter reporter(
-            "http://127.0.0.1:" + std::to_string(ElasticsearchStandIn::closed_port()), "vistrel",
-            spool);
-        reporter.report(summary("1.pcapng"), "lo");
-        reporter.report(summary("2.pcapng"), "lo");
-        EXPECT_FALSE(reporter.finish(milliseconds(500)));
-    }
     server.answer(503, "busy");
     {
         FileReporter reporter(server.address(), "vistrel", spool);
+        reporter.report(summary("1.pcapng"), "lo");
+        reporter.report(summary("2.pcapng"), "lo");
         EXPECT_FALSE(reporter.finish(milliseconds(300)));
     }
     EXPECT_FALSE(add_file_queries().empty());
