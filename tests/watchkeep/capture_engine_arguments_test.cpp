@@ -35,7 +35,6 @@ TEST(WatchkeepArguments, LiveCommandOfTheServer) {
     EXPECT_TRUE(arguments.devices[0].index_traffic);
     EXPECT_FALSE(arguments.devices[1].index_traffic);
     EXPECT_EQ(arguments.interfaces, std::vector<std::string>{"lo"});
-    EXPECT_TRUE(arguments.files.empty());
     EXPECT_EQ(arguments.bulk_url, "http://127.0.0.1:9201/_bulk");
     EXPECT_EQ(arguments.flows_index, "vistrel");
     // A device with its flag off drops the HTTP index for the whole capture.
@@ -84,7 +83,6 @@ TEST(WatchkeepArguments, WhatCannotBeReadIsRefusedWithItsReason) {
         {{"--interface", "lo", "/c", flows}, "unknown argument '/c'"},
         {{"--interface", "lo", "--dump-flows", "es;t;v;ftp://x/_bulk;"}, "--dump-flows wants"},
         {{"--interface", "lo", "--dump-flows", "es;t;http://x/_bulk;"}, "--dump-flows wants"},
-        {{"--interface", "lo", flows, "--dns-mode", "x"}, "--dns-mode is not a number"},
         {{"--interface", "lo", flows, "--dns-mode", "7"}, "--dns-mode must be 0 to 3"},
         {{"--interface", "lo", flows, "--http-tidewell-index", "es;;x"}, "--http-tidewell-index"},
         {{"-P", "left;/caps/left;60;10", flows}, "-P wants"},
