@@ -29,6 +29,8 @@ using devices::StatsThreadInfo;
 constexpr char kFirst[] = "00:1b:c5:00:00:01";
 constexpr char kSecond[] = "00:1b:c5:00:00:02";
 constexpr char kThird[] = "00:1b:c5:00:00:03";
+constexpr char kFourth[] = "00:1b:c5:00:00:04";
+constexpr char kFifth[] = "00:1b:c5:00:00:05";
 
 bool present(const std::string& mac) {
     for (const auto& device : devices::snapshot()) {
@@ -61,14 +63,14 @@ class SimulatorTest : public ::testing::Test {
         logger().open(temp_.file("test.log"));
         logger().set_level(kLogTrace);
         devices::clear_registry();
-        devices::set_new_device_subscriber([this](StatsThreadInfo info) {
-            std::lock_guard lock(events_mutex_);
-            events_.push_back("new " + std::to_string(info.handle));
-        });
-        devices::set_device_gone_subscriber([this](StatsThreadInfo info) {
-            std::lock_guard lock(events_mutex_);
-            events_.push_back("gone " + std::to_string(info.handle));
-        });
+        auto note = [this](std::string what) {
+            return [this, what](StatsThreadInfo info) {
+                std::lock_guard lock(events_mutex_);
+                events_.push_back(what + " " + std::to_string(info.handle));
+            };
+        };
+        devices::set_new_device_subscriber(note("new"));
+        devices::set_device_gone_subscriber(note("gone"));
     }
 
     void TearDown() override {
@@ -118,9 +120,12 @@ class SimulatorTest : public ::testing::Test {
     std::vector<std::string> events_;
 };
 
+// Devices come and go with the file; a device fails only the calls its entry names.
 TEST_F(SimulatorTest, DevicesOfTheFileArePluggedAndUnplugged) {
-    start(device_entry(kFirst, "    hw_firmware_id: 3\n    firmware_version: 65540\n"));
+    start(device_entry(kFirst, "    hw_firmware_id: 3\n    firmware_version: 65540\n") +
+          device_entry(kThird, "    fail: [TidewellAPIGetVersions]\n"));
     ASSERT_TRUE(eventually([] { return present(kFirst); }));
+    EXPECT_FALSE(present(kThird));  // its versions can't be read
     StatsThreadInfo first = devices::find_device_by_mac(kFirst);
     EXPECT_EQ(first.type, TidewellAPIDeviceType_Pro);
     EXPECT_EQ(first.capabilities, 0x30bu);
@@ -132,12 +137,16 @@ TEST_F(SimulatorTest, DevicesOfTheFileArePluggedAndUnplugged) {
     EXPECT_EQ(details.link.Ports[0].LinkUp, TidewellAPIState_On);
 
     const std::string lite =
-        "  - mac: \"00:1B:C5:00:00:02\"\n    model: \"Tidewell Lite\"\n    capabilities: 0x309\n";
+        "  - mac: \"00:1B:C5:00:00:02\"\n    model: \"Tidewell Lite\"\n    capabilities: 0x309\n"
+        "    fail: [TidewellAPIRestartDevice, TidewellAPIDiskDumpStart]\n";
     write_devices(device_entry(kFirst) + lite);
     ASSERT_TRUE(eventually([] { return present(kSecond); }));
-    const StatsThreadInfo second = devices::find_device_by_mac(kSecond);
+    StatsThreadInfo second = capture_device(kSecond, "second", 0, 0, false);
     EXPECT_EQ(second.type, TidewellAPIDeviceType_Lite);
     EXPECT_EQ(second.capabilities, 0x309u);
+    EXPECT_EQ(devices::api_restart_device(second), 6u);
+    EXPECT_EQ(devices::api_start(second), 1u);
+    EXPECT_TRUE(devices::get_dd_status(second));
     write_devices(lite);
     ASSERT_TRUE(eventually([] { return !present(kFirst); }));
     EXPECT_TRUE(present(kSecond));
@@ -152,33 +161,64 @@ TEST_F(SimulatorTest, DevicesOfTheFileArePluggedAndUnplugged) {
     EXPECT_EQ(devices::snapshot().size(), 2u);
 }
 
-TEST_F(SimulatorTest, FailingCallsArePerDevice) {
-    start(
-        device_entry(kFirst, "    fail: [TidewellAPIGetVersions]\n") +
-        device_entry(kSecond, "    fail: [TidewellAPIRestartDevice, TidewellAPIDiskDumpStart]\n"));
-    ASSERT_TRUE(eventually([] { return present(kSecond); }));
-    EXPECT_FALSE(present(kFirst));  // its versions can't be read
-    StatsThreadInfo second = capture_device(kSecond, "second", 0, 0, false);
-    EXPECT_EQ(devices::api_restart_device(second), 6u);
-    EXPECT_EQ(devices::api_start(second), 1u);
-    EXPECT_TRUE(devices::get_dd_status(second));
-}
-
-TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
-    start(device_entry(kFirst, "    packets_per_second: 1500\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst); }));
-    StatsThreadInfo device = capture_device(kFirst, "tap one", 1, 0, false);
-    ASSERT_EQ(devices::api_start(device), 0u);
-    EXPECT_TRUE(devices::is_device_capturing(device));
+// Captures write rotating pcapng files of well-formed traffic and stop at their file limit
+// unless they loop; unplugged, restarted or shut down, a capturing device leaves complete files.
+TEST_F(SimulatorTest, CapturesRotateStopAtTheirLimitAndEndCleanly) {
+    const std::string fast = "    packets_per_second: 1500\n";
+    const std::string slow = "    packets_per_second: 100\n";
+    const std::string others = device_entry(kFirst, fast) + device_entry(kSecond, slow) +
+                               device_entry(kThird, slow) + device_entry(kFifth, slow);
+    start(others + device_entry(kFourth, slow));
+    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 5; }));
+    StatsThreadInfo rotating = capture_device(kFirst, "tap one", 1, 0, false);
+    StatsThreadInfo limited = capture_device(kSecond, "limited", 1, 2, false);
+    StatsThreadInfo ring = capture_device(kThird, "ring", 1, 2, true);
+    StatsThreadInfo unplugged = capture_device(kFourth, "unplugged", 0, 0, false);
+    StatsThreadInfo restarted = capture_device(kFifth, "restarted", 0, 0, false);
+    for (auto* device : {&rotating, &limited, &ring, &unplugged, &restarted})
+        ASSERT_EQ(devices::api_start(*device), 0u);
+    EXPECT_TRUE(devices::is_device_capturing(rotating));
     EXPECT_TRUE(devices::any_capturing());
-    EXPECT_EQ(devices::api_start(device), 2u);
+    EXPECT_EQ(devices::api_start(rotating), 2u);
+
+    write_devices(others);
+    ASSERT_TRUE(eventually([] { return !present(kFourth); }));
+    const size_t before = events().size();
+    ASSERT_EQ(devices::api_restart_device(restarted), 0u);
+    // It goes and comes back with its handle.
+    ASSERT_TRUE(eventually([&] { return events().size() >= before + 2; }));
+    const std::string handle = std::to_string(restarted.handle);
+    const auto all = events();
+    EXPECT_EQ(std::vector<std::string>(all.begin() + before, all.end()),
+              (std::vector<std::string>{"gone " + handle, "new " + handle}));
+    EXPECT_TRUE(present(kFifth));
+    EXPECT_FALSE(devices::is_device_capturing(restarted));
+
+    ASSERT_TRUE(eventually([&] { return !devices::is_device_capturing(limited); }));
+    EXPECT_EQ(capture_files(configuration().capture_path + "/limited").size(), 2u);
+    EXPECT_EQ(devices::api_stop(limited), 0u);
     const std::string folder = configuration().capture_path + "/tap one";
-    ASSERT_TRUE(eventually([&] { return capture_files(folder).size() >= 3; }));
-    ASSERT_EQ(devices::api_stop(device), 0u);
-    EXPECT_FALSE(devices::is_device_capturing(device));
-    EXPECT_FALSE(devices::any_capturing());
-    ASSERT_TRUE(devices::get_dd_status(device));
-    EXPECT_GT(device.dd_status.PacketsWritten, 0u);
+    ASSERT_TRUE(eventually([&] {
+        devices::get_dd_status(ring);
+        return ring.dd_status.FilesWritten >= 3 && capture_files(folder).size() >= 3;
+    }));
+    ASSERT_EQ(devices::api_stop(rotating), 0u);
+    EXPECT_FALSE(devices::is_device_capturing(rotating));
+    ASSERT_TRUE(devices::get_dd_status(rotating));
+    EXPECT_GT(rotating.dd_status.PacketsWritten, 0u);
+    // The ring keeps only the newest files, until the library shuts down.
+    EXPECT_TRUE(devices::is_device_capturing(ring));
+    ASSERT_EQ(devices::uninitialise(), 0);
+    started_ = false;
+    for (const auto& [name, count] :
+         {std::pair{"unplugged", 1u}, {"restarted", 1u}, {"ring", 2u}}) {
+        const auto files = capture_files(configuration().capture_path + "/" + name);
+        ASSERT_EQ(files.size(), count) << name;
+        for (const auto& file : files)
+            EXPECT_EQ(std::system(("capinfos '" + file + "' >/dev/null 2>&1").c_str()), 0) << file;
+    }
+    EXPECT_EQ(capture_files(configuration().capture_path + "/ring")[0].find("_00001.pcapng"),
+              std::string::npos);
 
     const std::vector<std::string> files = capture_files(folder);
     ASSERT_GE(files.size(), 3u);
@@ -193,7 +233,7 @@ TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
         }
         packets += std::strtoull(info.c_str() + info.find("Number of packets:") + 18, nullptr, 10);
     }
-    EXPECT_EQ(packets, device.dd_status.PacketsWritten);
+    EXPECT_EQ(packets, rotating.dd_status.PacketsWritten);
 
     // Every frame decodes, with good checksums, and all kinds of traffic are there.
     const std::string tshark =
@@ -214,60 +254,6 @@ TEST_F(SimulatorTest, DiskDumpWritesRotatingPcapngFiles) {
     EXPECT_EQ(std::strtoul(bad.c_str(), nullptr, 10), 0u) << bad;
     EXPECT_EQ(run_command(tshark + "-T fields -e frame.interface_id | sort -u | tr '\\n' ' '"),
               "0 1 ");
-}
-
-TEST_F(SimulatorTest, FileLimitEndsACaptureUnlessItLoops) {
-    start(device_entry(kFirst, "    packets_per_second: 100\n") +
-          device_entry(kSecond, "    packets_per_second: 100\n"));
-    ASSERT_TRUE(eventually([] { return present(kFirst) && present(kSecond); }));
-    StatsThreadInfo limited = capture_device(kFirst, "limited", 1, 2, false);
-    StatsThreadInfo ring = capture_device(kSecond, "ring", 1, 2, true);
-    ASSERT_EQ(devices::api_start(limited), 0u);
-    ASSERT_EQ(devices::api_start(ring), 0u);
-    ASSERT_TRUE(eventually([&] { return !devices::is_device_capturing(limited); }));
-    EXPECT_EQ(capture_files(configuration().capture_path + "/limited").size(), 2u);
-    EXPECT_EQ(devices::api_stop(limited), 0u);
-    // The ring keeps only the newest files.
-    ASSERT_TRUE(eventually([&] {
-        devices::get_dd_status(ring);
-        return ring.dd_status.FilesWritten >= 3;
-    }));
-    EXPECT_TRUE(devices::is_device_capturing(ring));
-    ASSERT_EQ(devices::api_stop(ring), 0u);
-    const auto files = capture_files(configuration().capture_path + "/ring");
-    EXPECT_EQ(files.size(), 2u);
-    EXPECT_EQ(files.front().find("_00001.pcapng"), std::string::npos);
-}
-
-// Unplugged, restarted or shut down, a capturing device leaves complete files.
-TEST_F(SimulatorTest, CapturesEndCleanly) {
-    const std::string rate = "    packets_per_second: 400\n";
-    start(device_entry(kFirst, rate) + device_entry(kSecond, rate) + device_entry(kThird, rate));
-    ASSERT_TRUE(eventually([] { return devices::snapshot().size() == 3; }));
-    StatsThreadInfo first = capture_device(kFirst, "unplugged", 0, 0, false);
-    StatsThreadInfo second = capture_device(kSecond, "restarted", 0, 0, false);
-    StatsThreadInfo third = capture_device(kThird, "shut down", 0, 0, false);
-    for (auto* device : {&first, &second, &third}) ASSERT_EQ(devices::api_start(*device), 0u);
-    write_devices(device_entry(kSecond, rate) + device_entry(kThird, rate));
-    ASSERT_TRUE(eventually([] { return !present(kFirst); }));
-    const size_t before = events().size();
-    ASSERT_EQ(devices::api_restart_device(second), 0u);
-    // It goes and comes back with its handle.
-    ASSERT_TRUE(eventually([&] { return events().size() >= before + 2; }));
-    const std::string handle = std::to_string(second.handle);
-    const auto all = events();
-    EXPECT_EQ(std::vector<std::string>(all.begin() + before, all.end()),
-              (std::vector<std::string>{"gone " + handle, "new " + handle}));
-    EXPECT_TRUE(present(kSecond));
-    EXPECT_FALSE(devices::is_device_capturing(second));
-    EXPECT_TRUE(devices::is_device_capturing(third));
-    ASSERT_EQ(devices::uninitialise(), 0);
-    started_ = false;
-    for (const char* name : {"unplugged", "restarted", "shut down"}) {
-        const auto files = capture_files(configuration().capture_path + "/" + name);
-        ASSERT_EQ(files.size(), 1u) << name;
-        EXPECT_EQ(std::system(("capinfos '" + files[0] + "' >/dev/null 2>&1").c_str()), 0) << name;
-    }
 }
 
 TEST_F(SimulatorTest, FirmwareFlashReportsProgressThenItsEnd) {

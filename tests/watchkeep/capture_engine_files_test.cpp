@@ -2,19 +2,16 @@
 // it watches, and the registration of finished files with the server.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <thread>
 
-#include "capture/pcapngwriter.h"
 #include "filereporter.h"
 #include "filesummary.h"
 #include "folderwatcher.h"
 #include "rotatingcapturefile.h"
-#include "sourceerror.h"
 #include "support/elasticsearch_standin.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
@@ -38,15 +35,17 @@ std::vector<uint8_t> frame(uint8_t mark) {
     return bytes;
 }
 
-TEST(RotatingCaptureFile, NamesRotatesAndDescribesEveryFile) {
+TEST(RotatingCaptureFile, NamesRotatesAndDescribesEveryFileWithoutOverwriting) {
     testing::TempDir folder;
+    testing::write_file(folder.file("eth0_20261123_100000_00001.pcapng"), "an earlier run");
     std::vector<FileSummary> closed;
     {
         RotatingCaptureFile files(folder.path(), "eth0", 1, 60 * kSecond,
                                   [&](const FileSummary& summary) { closed.push_back(summary); });
         // Nothing captured yet: no file at all.
         files.tick(kTen + 120 * kSecond);
-        EXPECT_TRUE(fs::is_empty(folder.path()));
+        EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()),
+                  1);
 
         auto a = frame(1);
         ASSERT_TRUE(files.write(kTen + 5, a.data(), 60, kTen));
@@ -59,12 +58,14 @@ TEST(RotatingCaptureFile, NamesRotatesAndDescribesEveryFile) {
         // Idle for a while: the next packet opens the next number at its own time.
         ASSERT_TRUE(files.write(kTen + 200 * kSecond, a.data(), 60, kTen + 200 * kSecond));
     }
+    EXPECT_EQ(testing::read_file(folder.file("eth0_20261123_100000_00001.pcapng")),
+              "an earlier run");
     ASSERT_EQ(closed.size(), 2u);
-    EXPECT_EQ(closed[0].path, folder.path() + "/eth0_20261123_100000_00001.pcapng");
+    EXPECT_EQ(closed[0].path, folder.path() + "/eth0_20261123_100000_00002.pcapng");
     EXPECT_EQ(closed[0].first_ns, kTen + 3);
     EXPECT_EQ(closed[0].last_ns, kTen + 59 * kSecond);
     EXPECT_EQ(closed[0].packets, 3u);
-    EXPECT_EQ(closed[1].path, folder.path() + "/eth0_20261123_100320_00002.pcapng");
+    EXPECT_EQ(closed[1].path, folder.path() + "/eth0_20261123_100320_00003.pcapng");
 
     // What was reported is what the capture readers find in the file.
     for (const auto& summary : closed) {
@@ -74,21 +75,6 @@ TEST(RotatingCaptureFile, NamesRotatesAndDescribesEveryFile) {
         EXPECT_EQ(read->last_ns, summary.last_ns);
         EXPECT_EQ(read->packets, summary.packets);
     }
-}
-
-TEST(RotatingCaptureFile, NeverOverwritesAFileOfAnEarlierRun) {
-    testing::TempDir folder;
-    testing::write_file(folder.file("lo_20261123_100000_00001.pcapng"), "earlier");
-    std::vector<FileSummary> closed;
-    {
-        RotatingCaptureFile files(folder.path(), "lo", 1, 60 * kSecond,
-                                  [&](const FileSummary& summary) { closed.push_back(summary); });
-        auto a = frame(2);
-        ASSERT_TRUE(files.write(kTen, a.data(), 60, kTen));
-    }
-    EXPECT_EQ(testing::read_file(folder.file("lo_20261123_100000_00001.pcapng")), "earlier");
-    ASSERT_EQ(closed.size(), 1u);
-    EXPECT_EQ(closed[0].path, folder.path() + "/lo_20261123_100000_00002.pcapng");
 }
 
 TEST(RotatingCaptureFile, AFolderThatCannotBeWrittenDropsPacketsWithoutFiles) {
@@ -101,28 +87,21 @@ TEST(RotatingCaptureFile, AFolderThatCannotBeWrittenDropsPacketsWithoutFiles) {
     EXPECT_TRUE(closed.empty());
 }
 
-class FolderWatcherTest : public ::testing::Test {
-  protected:
-    void record(size_t folder, const std::string& path) {
-        std::lock_guard lock(mutex);
-        handed.emplace_back(folder, path);
-    }
-    std::vector<std::pair<size_t, std::string>> seen() {
-        std::lock_guard lock(mutex);
-        return handed;
-    }
-
+TEST(FolderWatcher, HandsOverClosedMovedAndStillOpenCaptureFiles) {
     testing::TempDir root;
     std::mutex mutex;
     std::vector<std::pair<size_t, std::string>> handed;
-};
-
-TEST_F(FolderWatcherTest, HandsOverClosedMovedAndStillOpenCaptureFiles) {
+    auto seen = [&] {
+        std::lock_guard lock(mutex);
+        return handed;
+    };
     const std::string left = root.file("left");
     const std::string right = root.file("right");  // created by the watcher
     fs::create_directories(left);
-    FolderWatcher watcher({left, right},
-                          [this](size_t folder, const std::string& path) { record(folder, path); });
+    FolderWatcher watcher({left, right}, [&](size_t folder, const std::string& path) {
+        std::lock_guard lock(mutex);
+        handed.emplace_back(folder, path);
+    });
     watcher.start();
     ASSERT_TRUE(fs::is_directory(right));
 
@@ -130,7 +109,7 @@ TEST_F(FolderWatcherTest, HandsOverClosedMovedAndStillOpenCaptureFiles) {
     testing::write_file(left + "/notes.txt", "not a capture");
     testing::write_file(root.file("moved.pcap"), "y");
     fs::rename(root.file("moved.pcap"), right + "/moved.pcap");
-    ASSERT_TRUE(eventually([this] { return seen().size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return seen().size() == 2; }));
     EXPECT_EQ(seen()[0], std::make_pair(size_t{0}, left + "/a.pcapng"));
     EXPECT_EQ(seen()[1], std::make_pair(size_t{1}, right + "/moved.pcap"));
 
@@ -145,37 +124,34 @@ TEST_F(FolderWatcherTest, HandsOverClosedMovedAndStillOpenCaptureFiles) {
     EXPECT_EQ(seen()[2], std::make_pair(size_t{1}, right + "/b.pcapng"));
 }
 
-TEST_F(FolderWatcherTest, AFolderThatCannotBeWatchedIsNamed) {
-    testing::write_file(root.file("plain"), "a file where a folder should be");
-    try {
-        FolderWatcher watcher({root.file("ok"), root.file("plain")},
-                              [](size_t, const std::string&) {});
-        FAIL() << "watching a plain file";
-    } catch (const SourceError& error) {
-        EXPECT_NE(std::string(error.what()).find(root.file("plain")), std::string::npos)
-            << error.what();
-    }
-}
-
-class FileReporterTest : public ::testing::Test {
-  protected:
-    FileSummary summary(const std::string& name, uint64_t packets = 4) const {
-        return {folder.file(name), kTen + 1, kTen + 2 * kSecond, packets};
-    }
-    std::vector<std::string> add_file_queries() const {
+// Reports the server does not take wait on disk and go first in the next run; a report the
+// server refuses is dropped.
+TEST(FileReporter, RegistersInOrderAndKeepsWhatTheServerDidNotTake) {
+    testing::TempDir folder;
+    ElasticsearchStandIn server;  // records every request, whatever its path
+    const std::string spool = folder.file(".watchkeep-spool");
+    auto summary = [&](const std::string& name, uint64_t packets = 4) {
+        return FileSummary{folder.file(name), kTen + 1, kTen + 2 * kSecond, packets};
+    };
+    auto add_file_queries = [&] {
         std::vector<std::string> queries;
         for (const auto& request : server.requests()) {
             if (request.path == "/addFile") queries.push_back(request.query);
         }
         return queries;
+    };
+    server.answer(503, "busy");
+    {
+        FileReporter reporter(server.address(), "vistrel", spool);
+        reporter.report(summary("1.pcapng"), "lo");
+        reporter.report(summary("2.pcapng"), "lo");
+        EXPECT_FALSE(reporter.finish(milliseconds(300)));
     }
+    EXPECT_FALSE(add_file_queries().empty());
+    ASSERT_TRUE(fs::exists(spool + "/reports"));
+    server.clear();
 
-    testing::TempDir folder;
-    ElasticsearchStandIn server;  // records every request, whatever its path
-    std::string spool = folder.file(".watchkeep-spool");
-};
-
-TEST_F(FileReporterTest, RegistersFilesInOrderAndSkipsEmptyOnes) {
+    server.answer(200, "Received file");
     {
         FileReporter reporter(server.address(), "vistrel", spool);
         reporter.report(summary("a b.pcapng"), "lo");
@@ -183,52 +159,17 @@ TEST_F(FileReporterTest, RegistersFilesInOrderAndSkipsEmptyOnes) {
         reporter.report(summary("c.pcapng"), "left&right");
         EXPECT_TRUE(reporter.finish(milliseconds(3000)));
     }
-    const auto queries = add_file_queries();
-    ASSERT_EQ(queries.size(), 2u);
-    EXPECT_EQ(queries[0], "file_path=" + folder.file("a b.pcapng") +
+    auto queries = add_file_queries();
+    ASSERT_EQ(queries.size(), 4u);
+    EXPECT_NE(queries[0].find("1.pcapng"), std::string::npos);
+    EXPECT_NE(queries[1].find("2.pcapng"), std::string::npos);
+    EXPECT_EQ(queries[2], "file_path=" + folder.file("a b.pcapng") +
                               "&start_ts=1795428000000000001&end_ts=1795428002000000000"
                               "&n_packets=4&source=lo&es_index=vistrel");
-    EXPECT_NE(queries[1].find("source=left&right&es_index"), std::string::npos) << queries[1];
+    EXPECT_NE(queries[3].find("source=left&right&es_index"), std::string::npos) << queries[3];
     EXPECT_FALSE(fs::exists(spool + "/reports"));
-}
 
-TEST_F(FileReporterTest, ReportsWaitOnDiskUntilTheServerTakesThem) {
-    // The server does not answer: the reports survive the run.
-    {
-        FileReporter reporter(
-            "http://127.0.0.1:" + std::to_string(ElasticsearchStandIn::closed_port()), "vistrel",
-            spool);
-        reporter.report(summary("1.pcapng"), "lo");
-        reporter.report(summary("2.pcapng"), "lo");
-        EXPECT_FALSE(reporter.finish(milliseconds(500)));
-    }
-    ASSERT_TRUE(fs::exists(spool + "/reports"));
-
-    // It answers with an error: still kept.
-    server.answer(503, "busy");
-    {
-        FileReporter reporter(server.address(), "vistrel", spool);
-        EXPECT_FALSE(reporter.finish(milliseconds(300)));
-    }
-    EXPECT_FALSE(add_file_queries().empty());
     server.clear();
-
-    // The next run sends them first, in order, before its own.
-    server.answer(200, "Received file");
-    {
-        FileReporter reporter(server.address(), "vistrel", spool);
-        reporter.report(summary("3.pcapng"), "lo");
-        EXPECT_TRUE(reporter.finish(milliseconds(3000)));
-    }
-    const auto queries = add_file_queries();
-    ASSERT_EQ(queries.size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_NE(queries[i].find(std::to_string(i + 1) + ".pcapng"), std::string::npos);
-    }
-    EXPECT_FALSE(fs::exists(spool + "/reports"));
-}
-
-TEST_F(FileReporterTest, ARefusedReportIsNotSentAgain) {
     server.answer(400, "Error : Bad timestamps given");
     {
         FileReporter reporter(server.address(), "vistrel", spool);
