@@ -34,7 +34,8 @@ class HttpCoreTest : public ::testing::Test {
 
 ServerProcess* HttpCoreTest::server_ = nullptr;
 
-TEST_F(HttpCoreTest, AliveOnRootAndStatusWithoutCorsHeaders) {
+// The host documents themselves are checked on the host functions; here: they are routed.
+TEST_F(HttpCoreTest, AliveOnRootAndStatusAndHostDocumentsAnswer) {
     for (const char* path : {"/", "/getStatus"}) {
         testing::HttpResponse response = client().get(path);
         EXPECT_EQ(response.status, 200) << path;
@@ -42,6 +43,12 @@ TEST_F(HttpCoreTest, AliveOnRootAndStatusWithoutCorsHeaders) {
         EXPECT_EQ(response.headers.count("access-control-allow-origin"), 0u);
     }
     EXPECT_TRUE(server_->wait_for_log("Request for url: '/getStatus'"));
+    testing::HttpResponse disk = client().get("/getDiskSpace");
+    EXPECT_EQ(disk.status, 200);
+    EXPECT_EQ(nlohmann::json::parse(disk.body)["unit"], "GB");
+    testing::HttpResponse interfaces = client().get("/getInterfaces");
+    EXPECT_EQ(interfaces.status, 200);
+    EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
 }
 
 TEST_F(HttpCoreTest, UnknownRequestsAnswerByMethod) {
@@ -96,16 +103,6 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
         EXPECT_EQ(refused.status, 404) << path;
         EXPECT_EQ(refused.body.find("root:"), std::string::npos) << path;
     }
-}
-
-// The documents themselves are checked on the host functions; here: they are routed.
-TEST_F(HttpCoreTest, HostDocumentsAnswer) {
-    testing::HttpResponse disk = client().get("/getDiskSpace");
-    EXPECT_EQ(disk.status, 200);
-    EXPECT_EQ(nlohmann::json::parse(disk.body)["unit"], "GB");
-    testing::HttpResponse interfaces = client().get("/getInterfaces");
-    EXPECT_EQ(interfaces.status, 200);
-    EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
 }
 
 // A reader says in the log, at error level, why a body could not be read (the lines of the
