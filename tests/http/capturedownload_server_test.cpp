@@ -208,6 +208,7 @@ class CaptureDownloadServerTest : public ::testing::Test {
     static inline std::map<std::string, PacketList> selections_;
 };
 
+// Eight clients at once are each given the same stream.
 TEST_F(CaptureDownloadServerTest, DirectDownloadIsTheRangeOfEveryFileInIndexOrder) {
     // The index selects files whose first or last packet is in the range.
     const uint64_t from = kBase + 30 * kSecond;
