@@ -5,9 +5,11 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -39,76 +41,51 @@ void set_up() {
     vistrel::database::VistrelDatabase().create_schema();
 }
 
-std::map<std::string, std::string> query_arguments(const std::string& text) {
+// A query string ("key=value&...") as the handlers see it; `es_addr`, when given, replaces the
+// sent address.
+QueryArguments query_arguments(const std::string& text, const char* es_addr = nullptr) {
     std::map<std::string, std::string> arguments;
-    size_t at = 0;
-    while (at <= text.size()) {
-        size_t end = text.find('&', at);
-        if (end == std::string::npos) end = text.size();
-        std::string pair = text.substr(at, end - at);
-        size_t equals = pair.find('=');
+    for (size_t at = 0; at <= text.size();) {
+        const size_t end = std::min(text.find('&', at), text.size());
+        const std::string pair = text.substr(at, end - at);
+        const size_t equals = pair.find('=');
         if (equals != std::string::npos)
             arguments[pair.substr(0, equals)] = pair.substr(equals + 1);
         at = end + 1;
     }
-    return arguments;
+    if (es_addr) arguments["es_addr"] = es_addr;
+    return [arguments](const std::string& key) -> std::optional<std::string> {
+        auto found = arguments.find(key);
+        if (found == arguments.end()) return std::nullopt;
+        return found->second;
+    };
 }
 
-QueryArguments lookup(std::map<std::string, std::string> arguments) {
-    return
-        [arguments = std::move(arguments)](const std::string& key) -> std::optional<std::string> {
-            auto found = arguments.find(key);
-            if (found == arguments.end()) return std::nullopt;
-            return found->second;
-        };
-}
+namespace http = vistrel::http;
+namespace session = vistrel::session;
 
-// Runs one endpoint's reader or handler on the text.
-void dispatch(uint8_t selector, const std::string& text) {
-    namespace http = vistrel::http;
-    namespace session = vistrel::session;
-    switch (selector % 11) {
-        case 0:
-            http::handle_add_file(lookup(query_arguments(text)));
-            break;
-        case 1:
-            http::handle_cleanup(lookup(query_arguments(text)));
-            break;
-        case 2: {
-            // Never a real search server: a closed loopback port stands for it.
-            auto arguments = query_arguments(text);
-            arguments["es_addr"] = "http://127.0.0.1:9";
-            http::handle_cleanup_elasticsearch(lookup(arguments));
-            break;
-        }
-        case 3:
-            http::handle_search(text);
-            break;
-        case 4: {
-            session::StartRequest request;
-            session::read_start_request(text, (selector & 0x80) != 0, request);
-            break;
-        }
-        case 5:
-            session::read_restart_request(text);
-            break;
-        case 6:
-            session::read_restore_request(text);
-            break;
-        case 7:
-            session::read_firmware_status_request(text);
-            break;
-        case 8:
-            session::read_save_request(text);
-            break;
-        case 9:
-            session::read_time_request(text);
-            break;
-        default:
-            session::read_firmware_request(text);
-            break;
-    }
-}
+// The endpoints' readers, chosen by the first byte; its top bit is the start reader's
+// require_devices.
+using Text = const std::string&;
+void (*const kReaders[])(Text, uint8_t) = {
+    [](Text text, uint8_t) { http::handle_add_file(query_arguments(text)); },
+    [](Text text, uint8_t) { http::handle_cleanup(query_arguments(text)); },
+    // Never a real search server: a closed loopback port stands for it.
+    [](Text text, uint8_t) {
+        http::handle_cleanup_elasticsearch(query_arguments(text, "http://127.0.0.1:9"));
+    },
+    [](Text text, uint8_t) { http::handle_search(text); },
+    [](Text text, uint8_t selector) {
+        session::StartRequest request;
+        session::read_start_request(text, (selector & 0x80) != 0, request);
+    },
+    [](Text text, uint8_t) { session::read_restart_request(text); },
+    [](Text text, uint8_t) { session::read_restore_request(text); },
+    [](Text text, uint8_t) { session::read_firmware_status_request(text); },
+    [](Text text, uint8_t) { session::read_save_request(text); },
+    [](Text text, uint8_t) { session::read_time_request(text); },
+    [](Text text, uint8_t) { session::read_firmware_request(text); },
+};
 
 }  // namespace
 
@@ -119,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
     // The readers throw on an unusable document: their endpoints catch that and answer 400.
     try {
-        dispatch(data[0], text);
+        kReaders[data[0] % std::size(kReaders)](text, data[0]);
     } catch (const std::exception&) {
     }
     return 0;

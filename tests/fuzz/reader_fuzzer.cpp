@@ -25,32 +25,22 @@ using Reader = vistrel::capture::PcapngFormatParser;
 using Reader = vistrel::capture::PcapFormatParser;
 #endif
 
-// The input as a file the readers can open by name, without touching the disk.
-class MemoryFile {
-  public:
-    MemoryFile() : fd_(memfd_create("fuzz-input", 0)) {
-        if (fd_ < 0) std::abort();
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
-    }
-    void assign(const uint8_t* data, size_t size) {
-        if (ftruncate(fd_, 0) != 0) std::abort();
-        if (size > 0 && pwrite(fd_, data, size, 0) != static_cast<ssize_t>(size)) std::abort();
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    int fd_;
-    std::string path_;
-};
-
 void check(bool condition) {
     if (!condition) std::abort();
+}
+
+// The input as a file the readers can open by name, without touching the disk.
+const std::string& memory_file(const uint8_t* data, size_t size) {
+    static const int fd = memfd_create("fuzz-input", 0);
+    static const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    check(fd >= 0 && ftruncate(fd, 0) == 0);
+    check(size == 0 || pwrite(fd, data, size, 0) == static_cast<ssize_t>(size));
+    return path;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static MemoryFile file;
     static const bool quiet = [] {
         vistrel::logger().set_level(0);
         return true;
@@ -59,9 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     // The first two bytes choose the chunk size; the rest is the file.
     const size_t maximum = 32 + (size_t{data[0]} << 8 | data[1]) % 8192;
-    file.assign(data + 2, size - 2);
+    const std::string& path = memory_file(data + 2, size - 2);
 
-    Reader whole(file.path());
+    Reader whole(path);
     whole.check_header();
     std::string packets;
     std::vector<size_t> sizes;
@@ -78,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         sizes.push_back(block.size());
     }
 
-    Reader chunked(file.path());
+    Reader chunked(path);
     std::string ranges;
     while (auto chunk = chunked.read_range(0, ~uint64_t{0}, maximum)) {
         check(chunk->size() <= maximum);

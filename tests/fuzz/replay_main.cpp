@@ -28,25 +28,22 @@ int replay(const std::filesystem::path& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int failures = 0;
-    size_t inputs = 0;
+    std::vector<std::filesystem::path> inputs;
     for (int i = 1; i < argc; ++i) {
-        const std::filesystem::path path(argv[i]);
-        if (std::filesystem::is_directory(path)) {
-            for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
-                if (!entry.is_regular_file()) continue;
-                failures += replay(entry.path());
-                ++inputs;
-            }
-        } else {
-            failures += replay(path);
-            ++inputs;
+        if (!std::filesystem::is_directory(argv[i])) {
+            inputs.emplace_back(argv[i]);
+            continue;
+        }
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[i])) {
+            if (entry.is_regular_file()) inputs.push_back(entry.path());
         }
     }
     // An empty replay means a mistyped folder, not a pass.
-    if (inputs == 0) {
+    if (inputs.empty()) {
         std::fprintf(stderr, "no inputs\n");
         return 1;
     }
+    int failures = 0;
+    for (const auto& input : inputs) failures += replay(input);
     return failures == 0 ? 0 : 1;
 }

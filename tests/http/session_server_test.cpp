@@ -137,16 +137,15 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
 }
 
 // The replies' texts are checked by the handlers' own tests; here only that each route is
-// wired to its handler, and that a new firmware mode restarts the device.
-TEST_F(SessionServerTest, DeviceEndpointsAreRouted) {
+// wired to its handler, that a new firmware mode restarts the device, and that an image of the
+// catalogue is flashed.
+TEST_F(SessionServerTest, DeviceEndpointsAreRoutedAndFirmwareIsFlashed) {
     struct Case {
         std::string path, body;
         long status;
         std::string answer;
     };
     const std::vector<Case> cases = {
-        {"/restartTidewell", "{\"tidewells\":", 400,
-         "\"general_message\":\"Bad Json document (Parse Error) for the given request\""},
         {"/restartTidewell", R"({"tidewells":[{"mac":"00:1b:c5:00:00:99"}]})", 500,
          "Tidewell device with mac '00:1b:c5:00:00:99' is not available"},
         {"/saveTidewell",
@@ -168,9 +167,7 @@ TEST_F(SessionServerTest, DeviceEndpointsAreRouted) {
     }
     EXPECT_TRUE(server.wait_for_log("Save Tidewell required reset device with result = 0"));
     EXPECT_TRUE(server.wait_for_log("Device Gone Callback: Device Removed"));
-}
 
-TEST_F(SessionServerTest, FirmwareFromTheCatalogueIsFlashed) {
     // A path too long for the library is refused with the updater's reason, existing or not.
     std::string too_long = server.quellwick_root() + "/tidewell/firmware";
     while (too_long.size() <= 2048) too_long += "/" + std::string(200, 'd');

@@ -17,9 +17,7 @@ bool contains(const std::string& text, const std::string& part) {
 
 TEST(ExpositionTest, EscapesLabelValuesAndSpellsSpecialValues) {
     EXPECT_EQ(Exposition::escape_label_value("a\\b\"c\nd"), "a\\\\b\\\"c\\nd");
-    EXPECT_EQ(Exposition::format_value(42), "42");
     EXPECT_EQ(Exposition::format_value(-3), "-3");
-    EXPECT_EQ(Exposition::format_value(0.25), "0.25");
     EXPECT_EQ(Exposition::format_value(0.005), "0.005");
     EXPECT_EQ(Exposition::format_value(0.1 + 0.2), "0.30000000000000004");
     EXPECT_EQ(Exposition::format_value(std::numeric_limits<double>::infinity()), "+Inf");

@@ -8,6 +8,7 @@
 #include "http/httpserver.h"
 #include "http/routes.h"
 #include "ops_server_fixture.h"
+#include "support/eventually.h"
 
 namespace vistrel::testing {
 namespace {
@@ -37,13 +38,16 @@ nlohmann::json to_json(const YAML::Node& node) {
     return text;
 }
 
-// node[k1][k2]...; an empty node when a key is missing on the way (yaml-cpp throws instead).
-YAML::Node find(YAML::Node node, std::initializer_list<std::string> keys) {
-    for (const std::string& key : keys) {
-        if (!node.IsMap() || !node[key]) return YAML::Node();
-        node.reset(node[key]);  // operator= would write into the document
-    }
-    return node;
+// The document as JSON; `at(document, "/a/b")` is document["a"]["b"], null when missing.
+const nlohmann::json& document() {
+    static const nlohmann::json parsed = to_json(YAML::LoadFile(kDocument));
+    return parsed;
+}
+nlohmann::json at(const nlohmann::json& node, const std::string& pointer) {
+    return node.value(nlohmann::json::json_pointer(pointer), nlohmann::json());
+}
+std::string text(const nlohmann::json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
 TEST(OpenApiDocumentTest, IsValidOpenApi) {
@@ -53,13 +57,10 @@ TEST(OpenApiDocumentTest, IsValidOpenApi) {
 }
 
 TEST(OpenApiDocumentTest, DescribesExactlyTheServedEndpoints) {
-    const YAML::Node paths = YAML::LoadFile(kDocument)["paths"];
     std::set<std::string> documented;
-    for (const auto& path : paths) {
+    for (const auto& [path, operations] : document()["paths"].items()) {
         for (const char* method : {"get", "post"}) {
-            if (path.second[method]) {
-                documented.insert(std::string(method) + " " + path.first.as<std::string>());
-            }
+            if (operations.contains(method)) documented.insert(std::string(method) + " " + path);
         }
     }
     std::set<std::string> served;
@@ -76,97 +77,78 @@ TEST(OpenApiDocumentTest, DescribesExactlyTheServedEndpoints) {
     EXPECT_EQ(documented, served);
 }
 
-class OpenApiExamplesTest : public OpsServerTest {
-  protected:
-    // The request of the example `name` of `operation`: path and query from the parameters'
-    // examples, the body from the request body's.
-    static std::pair<std::string, std::string> request_of(const std::string& path,
-                                                          const YAML::Node& operation,
-                                                          const std::string& name) {
-        std::string url = path;
-        std::string query;
-        for (const YAML::Node& parameter : operation["parameters"]) {
-            const YAML::Node example = find(parameter, {"examples", name});
-            if (!example.IsDefined() || example.IsNull()) continue;
-            const std::string key = parameter["name"].as<std::string>();
-            if (parameter["in"].as<std::string>() == "path") {
-                const std::string placeholder = "{" + key + "}";
-                url.replace(url.find(placeholder), placeholder.size(),
-                            example["value"].as<std::string>());
-                continue;
-            }
-            std::vector<std::string> values;
-            if (example["value"].IsSequence()) {
-                for (const auto& value : example["value"])
-                    values.push_back(value.as<std::string>());
-            } else {
-                values.push_back(example["value"].as<std::string>());
-            }
-            for (const std::string& value : values) {
-                query += (query.empty() ? "?" : "&") + key + "=" + url_encode(value);
-            }
+// The request of the example `name` of `operation`: path and query from the parameters'
+// examples, the body from the request body's.
+std::pair<std::string, std::string> request_of(std::string url, const nlohmann::json& operation,
+                                               const std::string& name) {
+    std::string query;
+    for (const nlohmann::json& parameter : operation.value("parameters", nlohmann::json::array())) {
+        const nlohmann::json example = at(parameter, "/examples/" + name + "/value");
+        if (example.is_null()) continue;
+        const std::string key = parameter["name"];
+        if (parameter["in"] == "path") {
+            url.replace(url.find("{" + key + "}"), key.size() + 2, text(example));
+            continue;
         }
-        std::string body;
-        const YAML::Node body_example =
-            find(operation, {"requestBody", "content", "application/json", "examples", name});
-        if (body_example.IsMap()) {
-            const YAML::Node value = body_example["value"];
-            body = value.IsScalar() ? value.as<std::string>() : to_json(value).dump();
+        for (const nlohmann::json& value :
+             example.is_array() ? example : nlohmann::json::array({example})) {
+            query += (query.empty() ? "?" : "&") + key + "=" + url_encode(text(value));
         }
-        return {url + query, body};
     }
-};
+    const nlohmann::json body =
+        at(operation, "/requestBody/content/application~1json/examples/" + name + "/value");
+    return {url + query, body.is_null() ? "" : text(body)};
+}
+
+using OpenApiExamplesTest = OpsServerTest;
 
 TEST_F(OpenApiExamplesTest, ExamplesAreTheServersReplies) {
     // The simulated device must be announced before the device examples are replayed.
-    for (int i = 0; i < 100 && http_.get("/getDevices").body.find("00:1b:c5") == std::string::npos;
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    const YAML::Node document = YAML::LoadFile(kDocument);
+    EXPECT_TRUE(eventually(
+        [&] { return http_.get("/getDevices").body.find("00:1b:c5") != std::string::npos; }, 10));
     int replayed = 0;
-    for (const auto& path_entry : document["paths"]) {
-        const std::string path = path_entry.first.as<std::string>();
+    for (const auto& [path, operations] : document()["paths"].items()) {
         for (const char* method : {"get", "post"}) {
-            const YAML::Node operation = path_entry.second[method];
-            if (!operation) continue;
-            for (const auto& response_entry : operation["responses"]) {
-                YAML::Node response = response_entry.second;
-                if (response["$ref"]) {
-                    std::string name = response["$ref"].as<std::string>();
-                    response.reset(find(
-                        document, {"components", "responses", name.substr(name.rfind('/') + 1)}));
+            if (!operations.contains(method)) continue;
+            const nlohmann::json& operation = operations[method];
+            for (const auto& [status, listed] : operation["responses"].items()) {
+                nlohmann::json response = listed;
+                if (response.contains("$ref")) {
+                    const std::string name = response["$ref"];
+                    response =
+                        at(document(), "/components/responses/" + name.substr(name.rfind('/') + 1));
                 }
-                for (const auto& content : find(response, {"content"})) {
-                    const std::string media = content.first.as<std::string>();
-                    for (const auto& example_entry : find(content.second, {"examples"})) {
-                        const std::string name = example_entry.first.as<std::string>();
-                        const YAML::Node example = example_entry.second;
-                        if (example["x-replay"] && !example["x-replay"].as<bool>()) continue;
+                const nlohmann::json contents = response.value("content", nlohmann::json::object());
+                for (const auto& [media, content] : contents.items()) {
+                    const nlohmann::json examples =
+                        content.value("examples", nlohmann::json::object());
+                    for (const auto& [name, example] : examples.items()) {
+                        if (!example.value("x-replay", true)) continue;
                         auto [url, body] = request_of(path, operation, name);
                         SCOPED_TRACE(std::string(method) + " " + url + " " + body + " (" + name +
                                      ")");
                         HttpResponse reply =
                             std::string(method) == "get" ? http_.get(url) : http_.post(url, body);
                         ++replayed;
-                        EXPECT_EQ(reply.status, response_entry.first.as<long>());
-                        const bool varies = example["x-varies"] && example["x-varies"].as<bool>();
-                        if (media == "application/json") {
-                            const nlohmann::json expected = to_json(example["value"]);
-                            const nlohmann::json actual =
-                                nlohmann::json::parse(reply.body, nullptr, false);
+                        EXPECT_EQ(reply.status, std::stol(status));
+                        const nlohmann::json& expected = example["value"];
+                        const bool varies = example.value("x-varies", false);
+                        if (media != "application/json") {
                             if (!varies) {
-                                EXPECT_EQ(actual, expected) << reply.body;
-                            } else if (expected.is_object()) {
-                                for (const auto& [key, value] : expected.items()) {
-                                    EXPECT_TRUE(actual.contains(key))
-                                        << key << " in " << reply.body;
-                                }
-                            } else {
-                                EXPECT_EQ(actual.type(), expected.type()) << reply.body;
+                                EXPECT_EQ(reply.body, text(expected));
                             }
-                        } else if (!varies) {
-                            EXPECT_EQ(reply.body, example["value"].as<std::string>());
+                            continue;
+                        }
+                        const nlohmann::json actual =
+                            nlohmann::json::parse(reply.body, nullptr, false);
+                        if (!varies) {
+                            EXPECT_EQ(actual, expected) << reply.body;
+                        } else if (expected.is_object()) {
+                            for (const auto& [key, value] : expected.items()) {
+                                EXPECT_TRUE(actual.contains(key)) << key << " in " << reply.body;
+                            }
+                        } else {
+                            EXPECT_EQ(actual.type(), expected.type()) << reply.body;
                         }
                     }
                 }
