@@ -42,8 +42,10 @@ class SourceIndexerImpl {
         if (decoded_.arp != nullptr) {
             ++statistics_.other;
             if (settings_.arp_records) {
-                sender_.enqueue(flows_index_.name(timestamp_ns),
-                                arp_record(decoded_, timestamp_ns, source_));
+                Pending& pending = queue_packet();
+                pending.record = arp_record(decoded_, timestamp_ns, source_);
+                pending.record_index = &flows_index_;
+                pending.record_ns = timestamp_ns;
             }
             return;
         }
@@ -55,8 +57,10 @@ class SourceIndexerImpl {
         ++(decoded_.protocol == kProtoTcp   ? statistics_.tcp
            : decoded_.protocol == kProtoUdp ? statistics_.udp
                                             : statistics_.other);
-        tracker_.add(decoded_, timestamp_ns, original_length);
-        if (decoded_.payload_length > 0) application(timestamp_ns);
+        Pending& pending = queue_packet();
+        pending.ip = true;
+        tracker_.prepare(decoded_, timestamp_ns, original_length, pending.flow);
+        if (decoded_.payload_length > 0) application(timestamp_ns, pending);
     }
 
     void drops(uint64_t kernel, uint64_t engine) {
@@ -65,6 +69,7 @@ class SourceIndexerImpl {
     }
 
     void tick(uint64_t now_ns) {
+        flush();
         if (period_start_ns_ == 0) period_start_ns_ = now_ns;
         if (now_ns > latest_ns_) latest_ns_ = now_ns;
         // Flows are scanned once a second at most, however often the caller ticks.
@@ -78,6 +83,7 @@ class SourceIndexerImpl {
     }
 
     void finish() {
+        flush();
         tracker_.finish();
         if (statistics_.packets > 0 || statistics_.kernel_drops > 0 ||
             statistics_.engine_drops > 0) {
@@ -86,7 +92,53 @@ class SourceIndexerImpl {
     }
 
   private:
-    void application(uint64_t timestamp_ns) {
+    // A packet whose flow update, and the record it makes, wait until its flow is in cache.
+    // Packets leave in their order, so records keep theirs.
+    struct Pending {
+        bool ip = false;
+        FlowPacket flow;
+        std::string record;  // empty: none
+        DailyIndex* record_index = nullptr;
+        uint64_t record_ns = 0;
+    };
+    // Packets held back: one whose flow is being loaded, one whose index slot is.
+    static constexpr uint32_t kHeld = 2;
+
+    // Room for the next packet: the oldest held one is done first, and the flow of the one
+    // queued last (its slot was asked for a packet ago) is asked for.
+    Pending& queue_packet() {
+        if (held_ == kHeld) {
+            done(pending_[oldest_]);
+            oldest_ = (oldest_ + 1) % kHeld;
+            --held_;
+        }
+        if (held_ > 0) {
+            const Pending& newest = pending_[(oldest_ + held_ - 1) % kHeld];
+            if (newest.ip) tracker_.prefetch(newest.flow);
+        }
+        Pending& next = pending_[(oldest_ + held_) % kHeld];
+        ++held_;
+        next.ip = false;
+        next.record.clear();
+        return next;
+    }
+
+    void done(Pending& pending) {
+        if (pending.ip) tracker_.add(pending.flow);
+        if (!pending.record.empty()) {
+            sender_.enqueue(pending.record_index->name(pending.record_ns),
+                            std::move(pending.record));
+        }
+    }
+
+    void flush() {
+        for (; held_ > 0; --held_) {
+            done(pending_[oldest_]);
+            oldest_ = (oldest_ + 1) % kHeld;
+        }
+    }
+
+    void application(uint64_t timestamp_ns, Pending& pending) {
         if (!decoded_.has_ports) return;
         if (settings_.dns_records &&
             (decoded_.src_port == kDnsPort || decoded_.dst_port == kDnsPort)) {
@@ -98,16 +150,18 @@ class SourceIndexerImpl {
                 length -= length >= 2 ? 2 : length;
             }
             if (parse_dns_question(message, length, question_)) {
-                sender_.enqueue(flows_index_.name(timestamp_ns),
-                                dns_record(decoded_, question_, timestamp_ns, source_));
+                pending.record = dns_record(decoded_, question_, timestamp_ns, source_);
+                pending.record_index = &flows_index_;
+                pending.record_ns = timestamp_ns;
             }
             return;
         }
         if (!settings_.http_index.empty() && decoded_.protocol == kProtoTcp) {
             HttpRequest request;
             if (parse_http_request(decoded_.payload, decoded_.payload_length, request)) {
-                sender_.enqueue(http_index_.name(timestamp_ns),
-                                http_record(decoded_, request, timestamp_ns, source_));
+                pending.record = http_record(decoded_, request, timestamp_ns, source_);
+                pending.record_index = &http_index_;
+                pending.record_ns = timestamp_ns;
             }
         }
     }
@@ -134,6 +188,9 @@ class SourceIndexerImpl {
     uint64_t period_start_ns_ = 0;
     uint64_t last_scan_ns_ = 0;
     uint64_t latest_ns_ = 0;
+    Pending pending_[kHeld];
+    uint32_t oldest_ = 0;
+    uint32_t held_ = 0;
 };
 
 SourceIndexer::SourceIndexer(const IndexSettings& settings, BulkSender& sender,
