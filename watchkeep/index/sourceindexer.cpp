@@ -25,8 +25,8 @@ class SourceIndexerImpl {
           http_index_(settings.http_index),
           tracker_(settings.flow_idle_timeout_s, settings.flow_active_timeout_s, settings.max_flows,
                    [this](const Flow& flow, FlowEnd reason) {
-                       sender_.enqueue(flows_index_.name(flow.last_ns),
-                                       flow_record(flow, reason, source_));
+                       flow_record(record_, flow, reason, source_);
+                       sender_.enqueue(flows_index_.name(flow.last_ns), record_);
                    }) {}
 
     void packet(uint32_t link_type, uint64_t timestamp_ns, const uint8_t* data,
@@ -43,7 +43,7 @@ class SourceIndexerImpl {
             ++statistics_.other;
             if (settings_.arp_records) {
                 Pending& pending = queue_packet();
-                pending.record = arp_record(decoded_, timestamp_ns, source_);
+                arp_record(pending.record, decoded_, timestamp_ns, source_);
                 pending.record_index = &flows_index_;
                 pending.record_ns = timestamp_ns;
             }
@@ -97,7 +97,7 @@ class SourceIndexerImpl {
     struct Pending {
         bool ip = false;
         FlowPacket flow;
-        std::string record;  // empty: none
+        std::string record;  // empty: none; keeps its storage from packet to packet
         DailyIndex* record_index = nullptr;
         uint64_t record_ns = 0;
     };
@@ -126,8 +126,7 @@ class SourceIndexerImpl {
     void done(Pending& pending) {
         if (pending.ip) tracker_.add(pending.flow);
         if (!pending.record.empty()) {
-            sender_.enqueue(pending.record_index->name(pending.record_ns),
-                            std::move(pending.record));
+            sender_.enqueue(pending.record_index->name(pending.record_ns), pending.record);
         }
     }
 
@@ -150,7 +149,7 @@ class SourceIndexerImpl {
                 length -= length >= 2 ? 2 : length;
             }
             if (parse_dns_question(message, length, question_)) {
-                pending.record = dns_record(decoded_, question_, timestamp_ns, source_);
+                dns_record(pending.record, decoded_, question_, timestamp_ns, source_);
                 pending.record_index = &flows_index_;
                 pending.record_ns = timestamp_ns;
             }
@@ -159,7 +158,7 @@ class SourceIndexerImpl {
         if (!settings_.http_index.empty() && decoded_.protocol == kProtoTcp) {
             HttpRequest request;
             if (parse_http_request(decoded_.payload, decoded_.payload_length, request)) {
-                pending.record = http_record(decoded_, request, timestamp_ns, source_);
+                http_record(pending.record, decoded_, request, timestamp_ns, source_);
                 pending.record_index = &http_index_;
                 pending.record_ns = timestamp_ns;
             }
@@ -168,9 +167,9 @@ class SourceIndexerImpl {
 
     void emit_statistics(uint64_t now_ns) {
         if (settings_.packet_statistics) {
-            sender_.enqueue(flows_index_.name(now_ns),
-                            statistics_record(statistics_, now_ns - period_start_ns_,
-                                              tracker_.active_flows(), now_ns, source_));
+            statistics_record(record_, statistics_, now_ns - period_start_ns_,
+                              tracker_.active_flows(), now_ns, source_);
+            sender_.enqueue(flows_index_.name(now_ns), record_);
         }
         statistics_ = PacketStatistics{};
         period_start_ns_ = now_ns;
@@ -185,6 +184,7 @@ class SourceIndexerImpl {
     DecodedPacket decoded_;
     DnsQuestion question_;
     PacketStatistics statistics_;
+    std::string record_;  // flow and statistics records, written one at a time
     uint64_t period_start_ns_ = 0;
     uint64_t last_scan_ns_ = 0;
     uint64_t latest_ns_ = 0;
