@@ -101,20 +101,22 @@ class SourceIndexerImpl {
         DailyIndex* record_index = nullptr;
         uint64_t record_ns = 0;
     };
-    // Packets held back: one whose flow is being loaded, one whose index slot is.
-    static constexpr uint32_t kHeld = 2;
+    // Packets held back: the older half have their flows being loaded, the newer half their
+    // index slots. Two packets' work between asking and using hides a miss even on a busy machine.
+    static constexpr uint32_t kHeld = 4;
+    static constexpr uint32_t kSlotsLoading = kHeld / 2;
 
     // Room for the next packet: the oldest held one is done first, and the flow of the one
-    // queued last (its slot was asked for a packet ago) is asked for.
+    // whose slot has had time to arrive is asked for.
     Pending& queue_packet() {
         if (held_ == kHeld) {
             done(pending_[oldest_]);
             oldest_ = (oldest_ + 1) % kHeld;
             --held_;
         }
-        if (held_ > 0) {
-            const Pending& newest = pending_[(oldest_ + held_ - 1) % kHeld];
-            if (newest.ip) tracker_.prefetch(newest.flow);
+        if (held_ >= kSlotsLoading) {
+            const Pending& slot_in = pending_[(oldest_ + held_ - kSlotsLoading) % kHeld];
+            if (slot_in.ip) tracker_.prefetch(slot_in.flow);
         }
         Pending& next = pending_[(oldest_ + held_) % kHeld];
         ++held_;
