@@ -193,20 +193,30 @@ TEST_F(IndexingTest, LongFlowsAreReportedWhileTheyLastIdleOnesEndStatisticsEachP
     EXPECT_EQ(flows[0]["IN_PKTS"], 5);
 }
 
-// More conversations than the table holds: the oldest make room, every answer still finds its
-// flow while flows move and the index grows, and idle ones leave a full table.
-TEST_F(IndexingTest, AFullTableEvictsAndExpiresWithoutLosingAPacket) {
-    settings_.max_flows = 600;  // past the index's first growth
+// Lookups that cross the index's growth and the moves that expiry makes, then more
+// conversations at once than the table holds: no packet counts in a wrong or second flow.
+TEST_F(IndexingTest, FlowsAreFoundWhileTheTableGrowsExpiresAndEvicts) {
+    settings_.max_flows = 800;
+    settings_.flow_active_timeout_s = 60;
     start();
-    auto exchange = [&](int n, uint64_t time) {
+    auto packet = [&](int n, bool answer, uint64_t time) {
         FrameSpec out{.ip_src = "10.0." + std::to_string(n / 200) + "." + std::to_string(n % 200),
                       .port_src = static_cast<uint16_t>(1000 + n % 7)};
-        feed(build_frame(out), time);
-        feed(build_frame(testing::reply(out)), time + 1000);
+        feed(build_frame(answer ? testing::reply(out) : out), time);
     };
-    for (int n = 0; n < 1500; ++n) exchange(n, kStart + n * 10'000);
-    indexer_->tick(kStart + 10 * kSecond);
-    for (int n = 0; n < 300; ++n) exchange(n, kStart + 11 * kSecond + n * 10'000);
+    // Every 10 ms a conversation, answered 2 s later; the answered ones time out (3 s idle), so
+    // some 600 are live at a time.
+    uint64_t time = kStart;
+    for (int n = 0; n < 1700; ++n, time += kSecond / 100) {
+        if (n < 1500) packet(n, false, time);
+        if (n >= 200) packet(n - 200, true, time + 1000);
+        if (n % 10 == 0) indexer_->tick(time);
+    }
+    indexer_->tick(time + 10 * kSecond);
+    for (int n = 0; n < 1000; ++n) {
+        packet(n, false, time + 11 * kSecond + n * 1000);
+        packet(n, true, time + 11 * kSecond + n * 1000 + 10);
+    }
 
     std::map<std::string, int> reasons;
     auto all = documents();
@@ -216,7 +226,7 @@ TEST_F(IndexingTest, AFullTableEvictsAndExpiresWithoutLosingAPacket) {
         ASSERT_EQ(flow["OUT_PKTS"], 1) << flow;
     }
     EXPECT_EQ(reasons, (std::map<std::string, int>{
-                           {"table-full", 900}, {"idle", 600}, {"capture-end", 300}}));
+                           {"idle", 1500}, {"table-full", 200}, {"capture-end", 800}}));
 }
 
 TEST_F(IndexingTest, OptionalRecordsAreOffByDefault) {
