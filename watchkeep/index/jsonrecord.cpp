@@ -57,8 +57,9 @@ char* put_ipv6(char* at, const uint8_t* address) {
 }  // namespace
 
 JsonRecord::JsonRecord(std::string& out) : out_(out) {
-    // The whole capacity is used as room; finish() cuts the string to what was written.
-    out_.resize(std::max<size_t>(out_.capacity(), 512));
+    // Room for a usual record (more is made when needed); finish() cuts the string to what
+    // was written.
+    out_.resize(512);
     *room(1) = '{';
     used_ = 1;
 }
