@@ -180,17 +180,13 @@ TEST_F(IndexingTest, LongFlowsAreReportedWhileTheyLastIdleOnesEndStatisticsEachP
         "STATS_KERNEL_DROPS": 5, "STATS_ENGINE_DROPS": 2})");
     auto flows = with(all["flows-2024.03.05"], "IN_PKTS");
     ASSERT_EQ(flows.size(), 3u);
-    uint64_t packets = 0;
-    std::vector<std::string> reasons;
+    std::vector<std::pair<std::string, int>> parts;
     for (const auto& flow : flows) {
-        packets += flow["IN_PKTS"].get<uint64_t>();
-        reasons.push_back(flow["FLOW_END_REASON"]);
+        parts.emplace_back(flow["FLOW_END_REASON"], flow["IN_PKTS"]);
         EXPECT_LE(flow["LAST_SWITCHED"].get<uint64_t>() - flow["FIRST_SWITCHED"].get<uint64_t>(),
                   4000u);
     }
-    EXPECT_EQ(packets, 8u);
-    EXPECT_EQ(reasons, (std::vector<std::string>{"active", "idle", "capture-end"}));
-    EXPECT_EQ(flows[0]["IN_PKTS"], 5);
+    EXPECT_EQ(parts, (decltype(parts){{"active", 5}, {"idle", 2}, {"capture-end", 1}}));
 }
 
 // Lookups that cross the index's growth and the moves that expiry makes, then more
