@@ -58,13 +58,8 @@ Conversation make_conversation(std::mt19937_64& random, bool long_lived) {
 }
 
 std::string next_frame(std::mt19937_64& random, Conversation& c, bool long_lived) {
-    FrameSpec shape = c.shape;
     const bool reply = c.sent % 2 == 1;
-    if (reply) {
-        std::swap(shape.ip_src, shape.ip_dst);
-        std::swap(shape.port_src, shape.port_dst);
-        std::swap(shape.mac_src, shape.mac_dst);
-    }
+    FrameSpec shape = reply ? vistrel::testing::reply(c.shape) : c.shape;
     if (shape.protocol == 6) {
         shape.tcp_flags = c.sent == 0 ? 0x02 : c.sent == 1 ? 0x12 : c.remaining == 1 ? 0x11 : 0x18;
     }

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -21,6 +23,10 @@ using Clock = std::chrono::steady_clock;
 // Batches beyond this much memory go to the spool at once instead of waiting in memory.
 constexpr size_t kMemoryLimit = 64u << 20;
 constexpr uint32_t kLongestBackOffMs = 8000;
+// A batch's storage: its byte bound plus room for the record that crosses it.
+constexpr size_t kBatchSlack = 64u << 10;
+// Storage of sent batches kept for the next ones.
+constexpr size_t kSpareBodies = 2;
 
 struct Batch {
     uint64_t sequence = 0;
@@ -61,17 +67,28 @@ class BulkSenderImpl {
         if (pending) finish(std::chrono::milliseconds(0));
     }
 
-    void enqueue(const std::string& index, std::string document) {
+    void enqueue(std::string_view index, std::string_view document) {
         std::lock_guard lock(mutex_);
-        if (current_.documents == 0) current_.sequence = next_sequence_++;
-        // The id makes a resent record (after an answer that never came) replace itself.
         std::string& body = current_.body;
+        if (current_.documents == 0) {
+            current_.sequence = next_sequence_++;
+            // A batch fills the storage of one already sent, or storage made large enough at
+            // once: growing it step by step would copy it over and over.
+            if (body.capacity() < settings_.batch_bytes && !spare_bodies_.empty()) {
+                body.swap(spare_bodies_.back());
+                spare_bodies_.pop_back();
+            }
+            body.reserve(std::min(settings_.batch_bytes + kBatchSlack, kMemoryLimit));
+        }
+        // The id makes a resent record (after an answer that never came) replace itself.
+        char id[24];
+        char* id_end = std::to_chars(id, id + sizeof id, next_id_++).ptr;
         body += R"({"index":{"_index":")";
         body += index;
         body += R"(","_id":")";
         body += run_id_;
         body += '-';
-        body += std::to_string(next_id_++);
+        body.append(id, static_cast<size_t>(id_end - id));
         body += "\"}}\n";
         body += document;
         body += '\n';
@@ -221,6 +238,10 @@ class BulkSenderImpl {
         lock.unlock();
         Delivery result = deliver(batch.body, batch.documents);
         lock.lock();
+        if (result == Delivery::done && spare_bodies_.size() < kSpareBodies) {
+            batch.body.clear();
+            spare_bodies_.push_back(std::move(batch.body));
+        }
         if (result == Delivery::unreachable) {
             if (spool_.store(batch.sequence, batch.body)) {
                 statistics_.documents_spooled += batch.documents;
@@ -330,6 +351,7 @@ class BulkSenderImpl {
     std::condition_variable idle_;
     Batch current_;
     std::deque<Batch> ready_;
+    std::vector<std::string> spare_bodies_;
     size_t ready_bytes_ = 0;
     uint64_t next_sequence_;
     uint64_t next_id_ = 0;
@@ -350,8 +372,8 @@ BulkSender::BulkSender(const IndexSettings& settings)
 
 BulkSender::~BulkSender() = default;
 
-void BulkSender::enqueue(const std::string& index, std::string document) {
-    impl_->enqueue(index, std::move(document));
+void BulkSender::enqueue(std::string_view index, std::string_view document) {
+    impl_->enqueue(index, document);
 }
 
 bool BulkSender::finish(std::chrono::milliseconds budget) {

@@ -8,8 +8,9 @@ namespace vistrel::watchkeep {
 
 // One conversation as the table holds it. "Forward" is from the side that began it (its
 // first packet's sender, or the client of a TCP handshake) to the other. Counts and times
-// cover the packets since the flow was last reported.
-struct Flow {
+// cover the packets since the flow was last reported. Aligned so that a flow is two whole
+// cache lines, both of which a packet's update touches.
+struct alignas(64) Flow {
     FlowKey key;
     uint64_t hash;
     uint64_t first_ns;    // first packet since the last report
@@ -26,6 +27,6 @@ struct Flow {
     uint8_t mac_dst[6];
 };
 // The documented memory bound of a source's table rests on this.
-static_assert(sizeof(Flow) <= 128);
+static_assert(sizeof(Flow) == 128);
 
 }  // namespace vistrel::watchkeep

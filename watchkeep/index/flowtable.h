@@ -17,6 +17,10 @@ class FlowTable {
 
     // The flow with `key`, or null.
     Flow* find(const FlowKey& key, uint64_t hash);
+    // Hints for a lookup of `hash` a few packets later: start loading its index slot, and once
+    // that is in, the flow it probably finds. Neither changes what the table holds.
+    void prefetch_slot(uint64_t hash) const { __builtin_prefetch(&slots_[hash & mask_]); }
+    void prefetch_flow(uint64_t hash) const;
     // Adds a zeroed flow with `key`; the table must not be full.
     Flow& insert(const FlowKey& key, uint64_t hash);
     // Removes the flow at `position` (0 <= position < size()); the last flow takes its place.
@@ -28,16 +32,19 @@ class FlowTable {
 
   private:
     uint32_t slot_of(uint32_t position) const;
+    static uint64_t tag_of(uint64_t hash) { return hash << 32; }
     static uint64_t entry(uint32_t position, uint64_t hash) {
-        return (hash & 0xffffffff00000000ULL) | (position + 1u);
+        return tag_of(hash) | (position + 1u);
     }
     static uint32_t position_of(uint64_t entry) { return static_cast<uint32_t>(entry) - 1; }
+    // The slot where probing for the entry's flow starts (the table has at most 2^32 slots).
+    uint64_t home_of(uint64_t entry) const { return (entry >> 32) & mask_; }
     void grow();
 
     uint32_t capacity_;
     std::vector<Flow> flows_;
-    // Low half: position + 1 (0 for an empty slot); high half: the hash's high half, so that
-    // probing past other flows does not touch their memory.
+    // Low half: position + 1 (0 for an empty slot); high half: the hash's low half, so that
+    // probing past other flows, moving entries and growing do not touch the flows' memory.
     std::vector<uint64_t> slots_;
     uint64_t mask_ = 0;
 };

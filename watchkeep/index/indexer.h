@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 // What the engine makes of the packets it sees: flow, DNS, ARP, HTTP and packet-statistics
 // records, sent to Elasticsearch as bulk requests. The capture side (live interfaces, device
@@ -57,7 +58,7 @@ class BulkSender {
     BulkSender& operator=(const BulkSender&) = delete;
 
     // Queues one record: `index` is the daily index name, `document` one JSON object.
-    void enqueue(const std::string& index, std::string document);
+    void enqueue(std::string_view index, std::string_view document);
     // Sends what is queued, or spools what cannot be sent, within `budget`. True when nothing
     // queued was lost (sent or safely on disk).
     bool finish(std::chrono::milliseconds budget);

@@ -1,8 +1,8 @@
 #include "index/jsonrecord.h"
 
-#include <arpa/inet.h>
-
+#include <algorithm>
 #include <charconv>
+#include <cstring>
 
 namespace vistrel::watchkeep {
 
@@ -10,84 +10,132 @@ namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
 
-void append_number(std::string& out, uint64_t value) {
-    char buffer[24];
-    auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
-    out.append(buffer, end);
+char* put_ipv4(char* at, const uint8_t* address) {
+    for (int i = 0; i < 4; ++i) {
+        if (i > 0) *at++ = '.';
+        at = std::to_chars(at, at + 3, address[i]).ptr;
+    }
+    return at;
+}
+
+// RFC 5952 text as glibc's inet_ntop writes it: the longest run of two or more zero groups
+// (the first of equal ones) becomes "::", and an address of the IPv4-compatible or -mapped
+// forms ends in dotted decimal.
+char* put_ipv6(char* at, const uint8_t* address) {
+    uint32_t words[8];
+    for (int i = 0; i < 8; ++i) words[i] = uint32_t{address[2 * i]} << 8 | address[2 * i + 1];
+    int best = -1;
+    int best_length = 0;
+    for (int i = 0; i < 8;) {
+        if (words[i] != 0) {
+            ++i;
+            continue;
+        }
+        int run = i;
+        while (i < 8 && words[i] == 0) ++i;
+        if (i - run > best_length) {
+            best = run;
+            best_length = i - run;
+        }
+    }
+    if (best_length < 2) best = -1;
+    for (int i = 0; i < 8; ++i) {
+        if (best >= 0 && i >= best && i < best + best_length) {
+            if (i == best) *at++ = ':';
+            continue;
+        }
+        if (i != 0) *at++ = ':';
+        if (i == 6 && best == 0 && (best_length == 6 || (best_length == 5 && words[5] == 0xffff))) {
+            return put_ipv4(at, address + 12);
+        }
+        at = std::to_chars(at, at + 4, words[i], 16).ptr;
+    }
+    if (best >= 0 && best + best_length == 8) *at++ = ':';
+    return at;
 }
 
 }  // namespace
 
-void JsonRecord::key(std::string_view key) {
-    if (text_.size() > 1) text_ += ',';
-    text_ += '"';
-    text_ += key;
-    text_ += "\":";
+JsonRecord::JsonRecord(std::string& out) : out_(out) {
+    // Room for a usual record (more is made when needed); finish() cuts the string to what
+    // was written.
+    out_.resize(512);
+    *room(1) = '{';
+    used_ = 1;
+}
+
+char* JsonRecord::room(size_t bytes) {
+    if (used_ + bytes > out_.size()) out_.resize(std::max(out_.size() * 2, used_ + bytes));
+    return out_.data() + used_;
+}
+
+char* JsonRecord::key(std::string_view key, size_t value_bytes) {
+    char* at = room(key.size() + 4 + value_bytes);
+    if (used_ > 1) *at++ = ',';
+    *at++ = '"';
+    std::memcpy(at, key.data(), key.size());
+    at += key.size();
+    *at++ = '"';
+    *at++ = ':';
+    return at;
 }
 
 JsonRecord& JsonRecord::number(std::string_view name, uint64_t value) {
-    key(name);
-    append_number(text_, value);
+    char* at = key(name, 20);
+    done(std::to_chars(at, at + 20, value).ptr);
     return *this;
 }
 
 JsonRecord& JsonRecord::text(std::string_view name, std::string_view value) {
-    key(name);
-    text_ += '"';
+    char* at = key(name, value.size() * 6 + 2);
+    *at++ = '"';
     for (char c : value) {
         auto byte = static_cast<unsigned char>(c);
         if (byte == '"' || byte == '\\') {
-            text_ += '\\';
-            text_ += c;
+            *at++ = '\\';
+            *at++ = c;
         } else if (byte < 0x20) {
-            text_ += "\\u00";
-            text_ += kHex[byte >> 4];
-            text_ += kHex[byte & 0x0f];
+            std::memcpy(at, "\\u00", 4);
+            at[4] = kHex[byte >> 4];
+            at[5] = kHex[byte & 0x0f];
+            at += 6;
         } else if (byte < 0x80) {
-            text_ += c;
+            *at++ = c;
         } else {
-            text_ += static_cast<char>(0xc0 | byte >> 6);
-            text_ += static_cast<char>(0x80 | (byte & 0x3f));
+            *at++ = static_cast<char>(0xc0 | byte >> 6);
+            *at++ = static_cast<char>(0x80 | (byte & 0x3f));
         }
     }
-    text_ += '"';
+    *at++ = '"';
+    done(at);
     return *this;
 }
 
 JsonRecord& JsonRecord::address(std::string_view name, uint8_t version, const uint8_t* address) {
-    key(name);
-    text_ += '"';
-    if (version == 4) {
-        for (int i = 0; i < 4; ++i) {
-            if (i > 0) text_ += '.';
-            append_number(text_, address[i]);
-        }
-    } else {
-        char buffer[INET6_ADDRSTRLEN];
-        if (inet_ntop(AF_INET6, address, buffer, sizeof buffer) != nullptr) text_ += buffer;
-    }
-    text_ += '"';
+    char* at = key(name, 48);
+    *at++ = '"';
+    at = version == 4 ? put_ipv4(at, address) : put_ipv6(at, address);
+    *at++ = '"';
+    done(at);
     return *this;
 }
 
 JsonRecord& JsonRecord::mac(std::string_view name, const uint8_t* mac) {
-    key(name);
-    text_ += '"';
+    char* at = key(name, 19);
+    *at++ = '"';
     for (int i = 0; i < 6; ++i) {
-        if (i > 0) text_ += ':';
-        text_ += kHex[mac[i] >> 4];
-        text_ += kHex[mac[i] & 0x0f];
+        if (i > 0) *at++ = ':';
+        *at++ = kHex[mac[i] >> 4];
+        *at++ = kHex[mac[i] & 0x0f];
     }
-    text_ += '"';
+    *at++ = '"';
+    done(at);
     return *this;
 }
 
-std::string JsonRecord::take() {
-    text_ += '}';
-    std::string done = std::move(text_);
-    text_.clear();
-    text_ += '{';
-    return done;
+void JsonRecord::finish() {
+    *room(1) = '}';
+    out_.resize(used_ + 1);
 }
 
 }  // namespace vistrel::watchkeep

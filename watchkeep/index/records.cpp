@@ -26,8 +26,8 @@ const char* reason_text(FlowEnd reason) {
     return "capture-end";
 }
 
-JsonRecord start(uint64_t timestamp_ns, std::string_view source) {
-    JsonRecord record;
+JsonRecord start(std::string& out, uint64_t timestamp_ns, std::string_view source) {
+    JsonRecord record(out);
     record.number("@timestamp", milliseconds(timestamp_ns)).text("INTERFACE", source);
     return record;
 }
@@ -51,8 +51,8 @@ void endpoint_fields(JsonRecord& record, const DecodedPacket& packet) {
 
 }  // namespace
 
-std::string flow_record(const Flow& flow, FlowEnd reason, std::string_view source) {
-    JsonRecord record = start(flow.last_ns, source);
+void flow_record(std::string& out, const Flow& flow, FlowEnd reason, std::string_view source) {
+    JsonRecord record = start(out, flow.last_ns, source);
     const FlowKey& key = flow.key;
     const bool a = flow.initiator_is_a;
     if (flow.has_ethernet) {
@@ -76,24 +76,24 @@ std::string flow_record(const Flow& flow, FlowEnd reason, std::string_view sourc
         .number("LAST_SWITCHED", milliseconds(flow.last_ns));
     if (flow.fragments > 0) record.number("FRAGMENTED", flow.fragments);
     record.text("FLOW_END_REASON", reason_text(reason));
-    return record.take();
+    record.finish();
 }
 
-std::string dns_record(const DecodedPacket& packet, const DnsQuestion& question,
-                       uint64_t timestamp_ns, std::string_view source) {
-    JsonRecord record = start(timestamp_ns, source);
+void dns_record(std::string& out, const DecodedPacket& packet, const DnsQuestion& question,
+                uint64_t timestamp_ns, std::string_view source) {
+    JsonRecord record = start(out, timestamp_ns, source);
     endpoint_fields(record, packet);
     record.text("DNS_QUERY", question.query())
         .number("DNS_QUERY_TYPE", question.type)
         .number("DNS_QUERY_ID", question.id)
         .number("DNS_RESPONSE", question.response ? 1 : 0);
     if (question.response) record.number("DNS_RET_CODE", question.return_code);
-    return record.take();
+    record.finish();
 }
 
-std::string arp_record(const DecodedPacket& packet, uint64_t timestamp_ns,
-                       std::string_view source) {
-    JsonRecord record = start(timestamp_ns, source);
+void arp_record(std::string& out, const DecodedPacket& packet, uint64_t timestamp_ns,
+                std::string_view source) {
+    JsonRecord record = start(out, timestamp_ns, source);
     link_fields(record, packet);
     const uint8_t* arp = packet.arp;
     record.number("ARP_OPCODE", static_cast<uint64_t>(arp[6] << 8 | arp[7]))
@@ -101,23 +101,22 @@ std::string arp_record(const DecodedPacket& packet, uint64_t timestamp_ns,
         .address("ARP_SENDER_IP", 4, arp + 14)
         .mac("ARP_TARGET_MAC", arp + 18)
         .address("ARP_TARGET_IP", 4, arp + 24);
-    return record.take();
+    record.finish();
 }
 
-std::string http_record(const DecodedPacket& packet, const HttpRequest& request,
-                        uint64_t timestamp_ns, std::string_view source) {
-    JsonRecord record = start(timestamp_ns, source);
+void http_record(std::string& out, const DecodedPacket& packet, const HttpRequest& request,
+                 uint64_t timestamp_ns, std::string_view source) {
+    JsonRecord record = start(out, timestamp_ns, source);
     endpoint_fields(record, packet);
     record.text("HTTP_METHOD", request.method).text("HTTP_URL", request.url);
     if (!request.host.empty()) record.text("HTTP_HOST", request.host);
     if (!request.user_agent.empty()) record.text("HTTP_USER_AGENT", request.user_agent);
-    return record.take();
+    record.finish();
 }
 
-std::string statistics_record(const PacketStatistics& statistics, uint64_t period_ns,
-                              uint64_t active_flows, uint64_t timestamp_ns,
-                              std::string_view source) {
-    JsonRecord record = start(timestamp_ns, source);
+void statistics_record(std::string& out, const PacketStatistics& statistics, uint64_t period_ns,
+                       uint64_t active_flows, uint64_t timestamp_ns, std::string_view source) {
+    JsonRecord record = start(out, timestamp_ns, source);
     record.number("STATS_PERIOD_MS", milliseconds(period_ns))
         .number("STATS_PACKETS", statistics.packets)
         .number("STATS_BYTES", statistics.bytes)
@@ -129,7 +128,7 @@ std::string statistics_record(const PacketStatistics& statistics, uint64_t perio
         .number("STATS_KERNEL_DROPS", statistics.kernel_drops)
         .number("STATS_ENGINE_DROPS", statistics.engine_drops)
         .number("STATS_ACTIVE_FLOWS", active_flows);
-    return record.take();
+    record.finish();
 }
 
 }  // namespace vistrel::watchkeep

@@ -25,8 +25,8 @@ class SourceIndexerImpl {
           http_index_(settings.http_index),
           tracker_(settings.flow_idle_timeout_s, settings.flow_active_timeout_s, settings.max_flows,
                    [this](const Flow& flow, FlowEnd reason) {
-                       sender_.enqueue(flows_index_.name(flow.last_ns),
-                                       flow_record(flow, reason, source_));
+                       flow_record(record_, flow, reason, source_);
+                       sender_.enqueue(flows_index_.name(flow.last_ns), record_);
                    }) {}
 
     void packet(uint32_t link_type, uint64_t timestamp_ns, const uint8_t* data,
@@ -42,8 +42,10 @@ class SourceIndexerImpl {
         if (decoded_.arp != nullptr) {
             ++statistics_.other;
             if (settings_.arp_records) {
-                sender_.enqueue(flows_index_.name(timestamp_ns),
-                                arp_record(decoded_, timestamp_ns, source_));
+                Pending& pending = queue_packet();
+                arp_record(pending.record, decoded_, timestamp_ns, source_);
+                pending.record_index = &flows_index_;
+                pending.record_ns = timestamp_ns;
             }
             return;
         }
@@ -55,8 +57,10 @@ class SourceIndexerImpl {
         ++(decoded_.protocol == kProtoTcp   ? statistics_.tcp
            : decoded_.protocol == kProtoUdp ? statistics_.udp
                                             : statistics_.other);
-        tracker_.add(decoded_, timestamp_ns, original_length);
-        if (decoded_.payload_length > 0) application(timestamp_ns);
+        Pending& pending = queue_packet();
+        pending.ip = true;
+        tracker_.prepare(decoded_, timestamp_ns, original_length, pending.flow);
+        if (decoded_.payload_length > 0) application(timestamp_ns, pending);
     }
 
     void drops(uint64_t kernel, uint64_t engine) {
@@ -65,6 +69,7 @@ class SourceIndexerImpl {
     }
 
     void tick(uint64_t now_ns) {
+        flush();
         if (period_start_ns_ == 0) period_start_ns_ = now_ns;
         if (now_ns > latest_ns_) latest_ns_ = now_ns;
         // Flows are scanned once a second at most, however often the caller ticks.
@@ -78,6 +83,7 @@ class SourceIndexerImpl {
     }
 
     void finish() {
+        flush();
         tracker_.finish();
         if (statistics_.packets > 0 || statistics_.kernel_drops > 0 ||
             statistics_.engine_drops > 0) {
@@ -86,7 +92,54 @@ class SourceIndexerImpl {
     }
 
   private:
-    void application(uint64_t timestamp_ns) {
+    // A packet whose flow update, and the record it makes, wait until its flow is in cache.
+    // Packets leave in their order, so records keep theirs.
+    struct Pending {
+        bool ip = false;
+        FlowPacket flow;
+        std::string record;  // empty: none; keeps its storage from packet to packet
+        DailyIndex* record_index = nullptr;
+        uint64_t record_ns = 0;
+    };
+    // Packets held back: the older half have their flows being loaded, the newer half their
+    // index slots. Two packets' work between asking and using hides a miss even on a busy machine.
+    static constexpr uint32_t kHeld = 4;
+    static constexpr uint32_t kSlotsLoading = kHeld / 2;
+
+    // Room for the next packet: the oldest held one is done first, and the flow of the one
+    // whose slot has had time to arrive is asked for.
+    Pending& queue_packet() {
+        if (held_ == kHeld) {
+            done(pending_[oldest_]);
+            oldest_ = (oldest_ + 1) % kHeld;
+            --held_;
+        }
+        if (held_ >= kSlotsLoading) {
+            const Pending& slot_in = pending_[(oldest_ + held_ - kSlotsLoading) % kHeld];
+            if (slot_in.ip) tracker_.prefetch(slot_in.flow);
+        }
+        Pending& next = pending_[(oldest_ + held_) % kHeld];
+        ++held_;
+        next.ip = false;
+        next.record.clear();
+        return next;
+    }
+
+    void done(Pending& pending) {
+        if (pending.ip) tracker_.add(pending.flow);
+        if (!pending.record.empty()) {
+            sender_.enqueue(pending.record_index->name(pending.record_ns), pending.record);
+        }
+    }
+
+    void flush() {
+        for (; held_ > 0; --held_) {
+            done(pending_[oldest_]);
+            oldest_ = (oldest_ + 1) % kHeld;
+        }
+    }
+
+    void application(uint64_t timestamp_ns, Pending& pending) {
         if (!decoded_.has_ports) return;
         if (settings_.dns_records &&
             (decoded_.src_port == kDnsPort || decoded_.dst_port == kDnsPort)) {
@@ -98,25 +151,27 @@ class SourceIndexerImpl {
                 length -= length >= 2 ? 2 : length;
             }
             if (parse_dns_question(message, length, question_)) {
-                sender_.enqueue(flows_index_.name(timestamp_ns),
-                                dns_record(decoded_, question_, timestamp_ns, source_));
+                dns_record(pending.record, decoded_, question_, timestamp_ns, source_);
+                pending.record_index = &flows_index_;
+                pending.record_ns = timestamp_ns;
             }
             return;
         }
         if (!settings_.http_index.empty() && decoded_.protocol == kProtoTcp) {
             HttpRequest request;
             if (parse_http_request(decoded_.payload, decoded_.payload_length, request)) {
-                sender_.enqueue(http_index_.name(timestamp_ns),
-                                http_record(decoded_, request, timestamp_ns, source_));
+                http_record(pending.record, decoded_, request, timestamp_ns, source_);
+                pending.record_index = &http_index_;
+                pending.record_ns = timestamp_ns;
             }
         }
     }
 
     void emit_statistics(uint64_t now_ns) {
         if (settings_.packet_statistics) {
-            sender_.enqueue(flows_index_.name(now_ns),
-                            statistics_record(statistics_, now_ns - period_start_ns_,
-                                              tracker_.active_flows(), now_ns, source_));
+            statistics_record(record_, statistics_, now_ns - period_start_ns_,
+                              tracker_.active_flows(), now_ns, source_);
+            sender_.enqueue(flows_index_.name(now_ns), record_);
         }
         statistics_ = PacketStatistics{};
         period_start_ns_ = now_ns;
@@ -131,9 +186,13 @@ class SourceIndexerImpl {
     DecodedPacket decoded_;
     DnsQuestion question_;
     PacketStatistics statistics_;
+    std::string record_;  // flow and statistics records, written one at a time
     uint64_t period_start_ns_ = 0;
     uint64_t last_scan_ns_ = 0;
     uint64_t latest_ns_ = 0;
+    Pending pending_[kHeld];
+    uint32_t oldest_ = 0;
+    uint32_t held_ = 0;
 };
 
 SourceIndexer::SourceIndexer(const IndexSettings& settings, BulkSender& sender,

@@ -2,7 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
+#include <sstream>
 #include <stdexcept>
 
 namespace vistrel::testing {
@@ -15,12 +15,8 @@ void put16(std::string& out, uint16_t value) {
 }
 
 void put_mac(std::string& out, const std::string& text) {
-    unsigned bytes[6];
-    if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &bytes[0], &bytes[1], &bytes[2], &bytes[3],
-                    &bytes[4], &bytes[5]) != 6) {
-        throw std::invalid_argument("bad MAC " + text);
-    }
-    for (unsigned byte : bytes) out += static_cast<char>(byte);
+    for (size_t at = 0; at < 18; at += 3)
+        out += static_cast<char>(std::stoul(text.substr(at, 2), nullptr, 16));
 }
 
 std::string address(const std::string& text, bool six) {
@@ -55,6 +51,13 @@ std::string transport(const FrameSpec& shape) {
 
 }  // namespace
 
+FrameSpec reply(FrameSpec shape) {
+    std::swap(shape.ip_src, shape.ip_dst);
+    std::swap(shape.port_src, shape.port_dst);
+    std::swap(shape.mac_src, shape.mac_dst);
+    return shape;
+}
+
 std::string build_frame(const FrameSpec& shape) {
     const bool six = shape.ip_src.find(':') != std::string::npos;
     const bool fragmented = shape.more_fragments || shape.fragment_offset != 0;
@@ -72,8 +75,7 @@ std::string build_frame(const FrameSpec& shape) {
     }
     put16(frame, six ? 0x86dd : 0x0800);
     if (six) {
-        frame += static_cast<char>(0x60);
-        frame.append(3, '\0');
+        frame.append("\x60\0\0\0", 4);
         put16(frame, static_cast<uint16_t>(body.size() + (fragmented ? 8 : 0)));
         frame += static_cast<char>(fragmented ? 44 : shape.protocol);
         frame += static_cast<char>(64);
@@ -81,14 +83,13 @@ std::string build_frame(const FrameSpec& shape) {
         if (fragmented) {
             frame += static_cast<char>(shape.protocol);
             frame += '\0';
-            put16(frame,
-                  static_cast<uint16_t>(shape.fragment_offset << 3 | (shape.more_fragments ? 1 : 0)));
+            put16(frame, static_cast<uint16_t>(shape.fragment_offset << 3 |
+                                               (shape.more_fragments ? 1 : 0)));
             put16(frame, static_cast<uint16_t>(shape.fragment_id >> 16));
             put16(frame, static_cast<uint16_t>(shape.fragment_id & 0xffff));
         }
     } else {
-        frame += static_cast<char>(0x45);
-        frame += '\0';
+        frame.append("\x45\0", 2);
         put16(frame, static_cast<uint16_t>(20 + body.size()));
         put16(frame, static_cast<uint16_t>(shape.fragment_id));
         put16(frame, static_cast<uint16_t>((shape.more_fragments ? 0x2000 : 0) |
@@ -109,11 +110,8 @@ std::string arp_frame(uint16_t opcode, const std::string& sender_mac, const std:
     std::string frame;
     put_mac(frame, opcode == 1 ? "ff:ff:ff:ff:ff:ff" : target_mac);
     put_mac(frame, sender_mac);
-    put16(frame, 0x0806);
-    put16(frame, 1);
-    put16(frame, 0x0800);
-    frame += static_cast<char>(6);
-    frame += static_cast<char>(4);
+    // ARP, Ethernet hardware, IPv4 protocol, address sizes 6 and 4.
+    frame.append("\x08\x06\x00\x01\x08\x00\x06\x04", 8);
     put16(frame, opcode);
     put_mac(frame, sender_mac);
     frame += address(sender_ip, false);
@@ -130,14 +128,9 @@ std::string dns_message(const std::string& name, uint16_t id, uint16_t type, boo
     put16(out, static_cast<uint16_t>((response ? 0x8180 : 0x0100) | return_code));
     put16(out, 1);
     out.append(6, '\0');
-    size_t start = 0;
-    while (start < name.size()) {
-        size_t dot = name.find('.', start);
-        if (dot == std::string::npos) dot = name.size();
-        out += static_cast<char>(dot - start);
-        out += name.substr(start, dot - start);
-        start = dot + 1;
-    }
+    std::istringstream labels(name);
+    for (std::string label; std::getline(labels, label, '.');)
+        out += static_cast<char>(label.size()) + label;
     out += '\0';
     put16(out, type);
     put16(out, 1);

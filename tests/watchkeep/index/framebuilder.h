@@ -25,6 +25,9 @@ struct FrameSpec {
     uint16_t fragment_offset = 0;  // in 8-byte units
 };
 
+// The same conversation the other way (addresses, ports and MACs swapped).
+FrameSpec reply(FrameSpec shape);
+
 // The frame; a non-first fragment carries `payload` directly after the IP header.
 std::string build_frame(const FrameSpec& shape);
 
