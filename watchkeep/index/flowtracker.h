@@ -29,7 +29,9 @@ struct FlowPacket {
 
 // Aggregates IP packets into bidirectional flows and hands each finished part to `report`:
 // after `idle_s` without packets (the flow ends), every `active_s` while it lasts (counts
-// restart), when the table is full (the oldest-placed flow makes room), and at the end.
+// restart), when the table is full (the table's positions take turns making room: roughly
+// the oldest flows, cheaply, since a removal moves the last flow into the freed position),
+// and at the end.
 // A packet goes in in two steps, prepare() then add(), so that a caller can prepare the next
 // packets (and prefetch their flows) before adding one: the table's memory is mostly
 // uncached, and a lookup started early has arrived by the time it is needed.

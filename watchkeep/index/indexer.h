@@ -26,7 +26,7 @@ struct IndexSettings {
     uint32_t flow_idle_timeout_s = 30;     // a flow without packets this long is reported, ended
     uint32_t flow_active_timeout_s = 120;  // a longer flow is reported every this often
     uint32_t statistics_period_s = 10;
-    uint32_t max_flows = 1u << 20;        // per source; more evicts (reports) the oldest ones
+    uint32_t max_flows = 1u << 20;        // per source; more evicts (reports) flows in turn
     size_t batch_documents = 5000;        // a bulk request holds at most this many records
     size_t batch_bytes = 5u << 20;        // ... and at most about this many bytes
     uint32_t request_timeout_ms = 30000;  // a bulk request not answered by then has failed
