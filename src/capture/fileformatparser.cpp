@@ -24,10 +24,7 @@ FileFormatParser::~FileFormatParser() {
 }
 
 void FileFormatParser::release() {
-    if (descriptor_ != -1) {
-        ::close(descriptor_);
-        descriptor_ = -1;
-    }
+    descriptor_.reset();
     buffer_.reset();
     buffered_length_ = 0;
 }
@@ -85,9 +82,9 @@ size_t FileFormatParser::read_range_into(uint64_t start, uint64_t end, uint8_t* 
 }
 
 int64_t FileFormatParser::read(void* buffer, size_t count) {
-    if (descriptor_ == -1) {
-        descriptor_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-        if (descriptor_ == -1) {
+    if (!descriptor_) {
+        descriptor_.reset(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!descriptor_) {
             LOG_ERROR("Unable to open file [%s] with erc: %s", path_.c_str(), std::strerror(errno));
             return -1;
         }
@@ -109,7 +106,7 @@ int64_t FileFormatParser::read(void* buffer, size_t count) {
         ssize_t got;
         if (wanted >= kBufferSize) {
             // A read as large as the buffer gains nothing from it.
-            got = ::pread(descriptor_, destination + done, wanted, offset_);
+            got = ::pread(descriptor_.get(), destination + done, wanted, offset_);
             if (got > 0) {
                 done += static_cast<size_t>(got);
                 offset_ += got;
@@ -117,7 +114,7 @@ int64_t FileFormatParser::read(void* buffer, size_t count) {
             }
         } else {
             if (!buffer_) buffer_ = std::make_unique_for_overwrite<uint8_t[]>(kBufferSize);
-            got = ::pread(descriptor_, buffer_.get(), kBufferSize, offset_);
+            got = ::pread(descriptor_.get(), buffer_.get(), kBufferSize, offset_);
             buffered_start_ = offset_;
             buffered_length_ = got > 0 ? static_cast<size_t>(got) : 0;
             if (got > 0) continue;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "capture/packet.h"
+#include "host/uniquefd.h"
 
 namespace vistrel::capture {
 
@@ -54,7 +55,7 @@ class FileFormatParser {
     void release();
 
     const std::string& path() const { return path_; }
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return descriptor_.get(); }
 
   protected:
     // The next packet into `packet`, reusing its storage; false at the end or on an error.
@@ -64,7 +65,7 @@ class FileFormatParser {
     bool fetch(Packet& packet);
 
     std::string path_;
-    int32_t descriptor_ = -1;
+    host::UniqueFd descriptor_;
     int64_t offset_ = 0;
 
     std::unique_ptr<uint8_t[]> buffer_;
