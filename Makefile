@@ -13,9 +13,11 @@ all: build
 deps:
 	./scripts/install-deps.sh
 
+# The programs only (server, engine, device simulator, the staged program folder): tests and
+# benchmarks are built by the targets that run them.
 build: deps
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
-	cmake --build $(RELEASE_DIR) -j$(JOBS)
+	cmake --build $(RELEASE_DIR) -j$(JOBS) --target centralizedserver watchkeep TidewellAPI stage
 
 # Starts the server in debug mode with the simulated devices of config/; a key press stops it.
 run: build
