@@ -4,8 +4,21 @@
 #include <cstring>
 
 #include "capture/pcapngblocks.h"
+#include "framebuilder.h"
 
 namespace vistrel::testing {
+
+std::string udp_frame(size_t length, const std::string& source, const std::string& destination,
+                      uint16_t source_port, uint16_t destination_port) {
+    return build_frame({.mac_src = "00:1b:c5:00:00:01",
+                        .mac_dst = "00:1b:c5:00:00:02",
+                        .ip_src = source,
+                        .ip_dst = destination,
+                        .port_src = source_port,
+                        .port_dst = destination_port,
+                        .payload = filler(length > 42 ? length - 42 : 0, 0),
+                        .fragment_id = 0x1234});
+}
 
 PcapBuilder::PcapBuilder(uint32_t magic) {
     append(bytes_, magic);
