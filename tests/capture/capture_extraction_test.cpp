@@ -247,7 +247,8 @@ TEST_F(ExtractionTest, FiltersThatCannotRunAnswerAnErrorPageOrEndTheStreamWithAn
     CaptureQuery query;
     query.display_filter = "udp";
     {
-        // A range without packets: the extract error page, without starting tshark.
+        // A range without packets: the extract error page (its text is the download test's),
+        // without starting tshark.
         CaptureQuery empty = query;
         empty.start = kBase + 100 * kSecond;
         empty.end = kBase + 200 * kSecond;
@@ -255,9 +256,6 @@ TEST_F(ExtractionTest, FiltersThatCannotRunAnswerAnErrorPageOrEndTheStreamWithAn
         Extraction extraction = prepare_extraction(empty, files);
         EXPECT_FALSE(extraction.job);
         EXPECT_EQ(extraction.error_title, "Extract Capture Error");
-        EXPECT_EQ(extraction.error_message,
-                  "Couldn't find traffic data for the requested parameters in your capture "
-                  "machine");
         EXPECT_EQ(capture.text().find("Starting TShark"), std::string::npos);
     }
     {

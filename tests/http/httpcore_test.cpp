@@ -105,33 +105,6 @@ TEST_F(HttpCoreTest, StaticFilesAnywhereUnderImg) {
     }
 }
 
-// A reader says in the log, at error level, why a body could not be read (the lines of the
-// device list readers are read by their own tests).
-TEST_F(HttpCoreTest, UnreadableBodiesAreLoggedByTheirReader) {
-    const std::string no_mac = R"({"tidewells":[{"name":"x"}]})";
-    const std::string missing_mac = "JSON Parsing error: Non optional field [mac] not found";
-    struct Case {
-        std::string path, body, line;
-    };
-    const std::vector<Case> cases = {
-        {"/startCapture",
-         R"({"tidewells":[{"model":"Tidewell Pro","friendly_name":"a","mac":"00:1b:c5:00:00:01",
-             "file_name":"a","max_nr_files":1,"loop_capture":0,"keep_files":1}]})",
-         "Exception parsing tidewells array: JSON Parsing error: Non optional field "
-         "[capture_time] not found"},
-        {"/setDeviceTime", no_mac, "Exception parsing GetSetDeviceTime: " + missing_mac},
-        {"/updateTidewellFirmware", no_mac,
-         "Exception parsing GetUpdateTidewellFirmware: " + missing_mac},
-        {"/search", R"({"query":"cs_address"})",
-         "Exception parsing SimpleJsonSearch: JSON Parsing error: Non optional field [target] "
-         "not found"},
-    };
-    for (const auto& [path, body, line] : cases) {
-        EXPECT_EQ(client().post(path, body).status, 400) << path;
-        EXPECT_TRUE(server_->wait_for_log("ERROR: " + line, 5)) << line;
-    }
-}
-
 TEST_F(HttpCoreTest, JsonBodyIsCollectedWholeAcrossChunks) {
     std::string body =
         "{\"padding\":\"" + std::string(200000, 'p') + "\",\"target\":\"cs_address\"}";
