@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -34,21 +33,12 @@ class HttpCoreTest : public ::testing::Test {
 
 ServerProcess* HttpCoreTest::server_ = nullptr;
 
-// The host documents themselves are checked on the host functions; here: they are routed.
-TEST_F(HttpCoreTest, AliveOnRootAndStatusAndHostDocumentsAnswer) {
-    for (const char* path : {"/", "/getStatus"}) {
-        testing::HttpResponse response = client().get(path);
-        EXPECT_EQ(response.status, 200) << path;
-        EXPECT_EQ(response.body, "Centralized Server Alive") << path;
-        EXPECT_EQ(response.headers.count("access-control-allow-origin"), 0u);
-    }
+// The replies of the known routes are the documented examples' (ops/openapi_test).
+TEST_F(HttpCoreTest, RequestsAreLoggedAndAnsweredWithoutCrossOriginHeaders) {
+    testing::HttpResponse response = client().get("/getStatus");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.headers.count("access-control-allow-origin"), 0u);
     EXPECT_TRUE(server_->wait_for_log("Request for url: '/getStatus'"));
-    testing::HttpResponse disk = client().get("/getDiskSpace");
-    EXPECT_EQ(disk.status, 200);
-    EXPECT_EQ(nlohmann::json::parse(disk.body)["unit"], "GB");
-    testing::HttpResponse interfaces = client().get("/getInterfaces");
-    EXPECT_EQ(interfaces.status, 200);
-    EXPECT_TRUE(nlohmann::json::parse(interfaces.body).is_array());
 }
 
 TEST_F(HttpCoreTest, UnknownRequestsAnswerByMethod) {

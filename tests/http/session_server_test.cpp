@@ -136,37 +136,24 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
     EXPECT_NE(last["last_session"]["end_ts"], 0);
 }
 
-// The replies' texts are checked by the handlers' own tests; here only that each route is
-// wired to its handler (/getTidewells and the update status are reached below), that a new
-// firmware mode restarts the device, and that an image of the catalogue is flashed.
-TEST_F(SessionServerTest, DeviceEndpointsAreRoutedAndFirmwareIsFlashed) {
-    struct Case {
-        std::string path, body;
-        long status;
-        std::string answer;
-    };
-    const std::vector<Case> cases = {
-        {"/restartTidewell", R"({"tidewells":[{"mac":"00:1b:c5:00:00:99"}]})", 500,
-         "Tidewell device with mac '00:1b:c5:00:00:99' is not available"},
-        {"/setDeviceTime", R"({"tidewells":[{"mac":"00:1b:c5:00:00:99","time_source":3}]})", 500,
-         "Tidewell device with mac '00:1b:c5:00:00:99' is not available"},
-        {"/getAvailability", "", 200, "\"Capture machine available\""},
-        {"/saveTidewell",
-         R"({"tidewells":[{"mac":"00:1b:c5:00:00:11","features":{"hw_firmware_id":1}}]})", 200,
-         "\"message\":\"The device firmware mode was changed, and the device will be restarted\""},
-    };
-    for (const auto& [path, body, status, answer] : cases) {
-        auto response = body.empty() ? client.get(path) : client.post(path, body);
-        EXPECT_EQ(response.status, status) << path;
-        EXPECT_NE(response.body.find(answer), std::string::npos) << path << ": " << response.body;
-    }
+// The replies' texts are checked by the handlers' own tests and each route's wiring by the
+// replay of the documented examples (ops/openapi_test); here what needs the simulated devices:
+// a new firmware mode restarts the device, and an image of the catalogue is flashed.
+TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed) {
+    auto saved = client.post(
+        "/saveTidewell",
+        R"({"tidewells":[{"mac":"00:1b:c5:00:00:11","features":{"hw_firmware_id":1}}]})");
+    EXPECT_EQ(saved.status, 200);
+    EXPECT_NE(saved.body.find("\"message\":\"The device firmware mode was changed, and the device "
+                              "will be restarted\""),
+              std::string::npos)
+        << saved.body;
     EXPECT_TRUE(server.wait_for_log("Save Tidewell required reset device with result = 0"));
     EXPECT_TRUE(server.wait_for_log("Device Gone Callback: Device Removed"));
 
     write_file(server.quellwick_root() + "/tidewell/firmware/tidewell-pro10g-1.2.twfw",
                "firmware image");
     auto firmwares = nlohmann::json::parse(client.get("/getTidewellFirmwares").body);
-    EXPECT_EQ(firmwares["general_message"], "Successfully returned all available firmware");
     bool offered = false;
     for (const auto& device : firmwares["tidewells"]) {
         if (device["mac"] != "00:1b:c5:00:00:12") continue;
