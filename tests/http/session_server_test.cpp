@@ -2,11 +2,9 @@
 // engine and a stand-in Elasticsearch.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "engine/standin_engine.h"
 #include "support/elasticsearch_standin.h"
@@ -16,8 +14,6 @@
 
 namespace vistrel::testing {
 namespace {
-
-using std::chrono::milliseconds;
 
 bool has_capture_file(const std::string& folder) {
     std::error_code error;
