@@ -322,12 +322,17 @@ TEST_F(CaptureIndexEndpointsTest, SearchAnswersTheServersAddressAndNothingElse) 
     EXPECT_EQ(reply.text, "[\"192.0.2.10\"]");
     EXPECT_EQ(
         occurrences(log_text(), "Got Grafana's Simple Json /search request to get my address"), 1u);
-    for (const char* body : {R"({"target":"other"})", R"({"target":["cs_address"]})", "[]", "",
-                             "not json", R"({"target":"cs_address")"}) {
+    for (const char* body :
+         {R"({"target":"other"})", R"({"target":["cs_address"]})", "[]", "",
+          R"({"query":"cs_address"})", "not json", R"({"target":"cs_address")"}) {
         Reply refused = handle_search(body);
         EXPECT_EQ(refused.status, 400) << body;
         EXPECT_EQ(refused.text, "Unhandled search request") << body;
     }
+    // The reader says in the log, at error level, which field it missed.
+    EXPECT_NE(log_text().find("ERROR: Exception parsing SimpleJsonSearch: JSON Parsing error: Non "
+                              "optional field [target] not found"),
+              std::string::npos);
 }
 
 }  // namespace

@@ -2,11 +2,9 @@
 // engine and a stand-in Elasticsearch.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "engine/standin_engine.h"
 #include "support/elasticsearch_standin.h"
@@ -16,8 +14,6 @@
 
 namespace vistrel::testing {
 namespace {
-
-using std::chrono::milliseconds;
 
 bool has_capture_file(const std::string& folder) {
     std::error_code error;
@@ -136,54 +132,24 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
     EXPECT_NE(last["last_session"]["end_ts"], 0);
 }
 
-// The replies' texts are checked by the handlers' own tests; here only that each route is
-// wired to its handler, that a new firmware mode restarts the device, and that an image of the
-// catalogue is flashed.
-TEST_F(SessionServerTest, DeviceEndpointsAreRoutedAndFirmwareIsFlashed) {
-    struct Case {
-        std::string path, body;
-        long status;
-        std::string answer;
-    };
-    const std::vector<Case> cases = {
-        {"/restartTidewell", R"({"tidewells":[{"mac":"00:1b:c5:00:00:99"}]})", 500,
-         "Tidewell device with mac '00:1b:c5:00:00:99' is not available"},
-        {"/saveTidewell",
-         R"({"tidewells":[{"mac":"00:1b:c5:00:00:12","features":{"slicing":1,"slicing_length":128}}]})",
-         200, "Successfully saved tidewell features for device 00:1b:c5:00:00:12"},
-        {"/getTidewellFirmwareUpdateStatus", R"({"tidewells":[{"mac":"00:1b:c5:00:00:11"}]})", 200,
-         "No firmware update has been started"},
-        {"/getAvailability", "", 200, "\"Capture machine available\""},
-        {"/getTidewells", "", 200,
-         "\"general_message\":\"Successfully retrieved all tidewell tidewell_devices\""},
-        {"/saveTidewell",
-         R"({"tidewells":[{"mac":"00:1b:c5:00:00:11","features":{"hw_firmware_id":1}}]})", 200,
-         "\"message\":\"The device firmware mode was changed, and the device will be restarted\""},
-    };
-    for (const auto& [path, body, status, answer] : cases) {
-        auto response = body.empty() ? client.get(path) : client.post(path, body);
-        EXPECT_EQ(response.status, status) << path;
-        EXPECT_NE(response.body.find(answer), std::string::npos) << path << ": " << response.body;
-    }
+// The replies' texts are checked by the handlers' own tests and each route's wiring by the
+// replay of the documented examples (ops/openapi_test); here what needs the simulated devices:
+// a new firmware mode restarts the device, and an image of the catalogue is flashed.
+TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed) {
+    auto saved = client.post(
+        "/saveTidewell",
+        R"({"tidewells":[{"mac":"00:1b:c5:00:00:11","features":{"hw_firmware_id":1}}]})");
+    EXPECT_EQ(saved.status, 200);
+    EXPECT_NE(saved.body.find("\"message\":\"The device firmware mode was changed, and the device "
+                              "will be restarted\""),
+              std::string::npos)
+        << saved.body;
     EXPECT_TRUE(server.wait_for_log("Save Tidewell required reset device with result = 0"));
     EXPECT_TRUE(server.wait_for_log("Device Gone Callback: Device Removed"));
-
-    // A path too long for the library is refused with the updater's reason, existing or not.
-    std::string too_long = server.quellwick_root() + "/tidewell/firmware";
-    while (too_long.size() <= 2048) too_long += "/" + std::string(200, 'd');
-    too_long += "/image.twfw";
-    auto refused = client.post(
-        "/updateTidewellFirmware",
-        R"({"tidewells":[{"mac":"00:1b:c5:00:00:12","firmware_file":")" + too_long + "\"}]}");
-    EXPECT_NE(refused.body.find("\"general_message\":\"Firmware filepath [" + too_long +
-                                "] is too long. Max size: 2048\""),
-              std::string::npos)
-        << refused.body;
 
     write_file(server.quellwick_root() + "/tidewell/firmware/tidewell-pro10g-1.2.twfw",
                "firmware image");
     auto firmwares = nlohmann::json::parse(client.get("/getTidewellFirmwares").body);
-    EXPECT_EQ(firmwares["general_message"], "Successfully returned all available firmware");
     bool offered = false;
     for (const auto& device : firmwares["tidewells"]) {
         if (device["mac"] != "00:1b:c5:00:00:12") continue;

@@ -248,6 +248,13 @@ TEST_F(DeviceCommandTest, FirmwareRefusedWhileCapturingAndTimeFromGps) {
     EXPECT_EQ(reply.status, 400);
     EXPECT_NE(reply.text.find("Incorrect input firmware. Failure to update device."),
               std::string::npos);
+    // A path too long for the library goes to the updater as it is, so that it says why.
+    firmware.firmware_file = std::string(2049, 'd');
+    reply = commands.update_firmware({firmware});
+    EXPECT_NE(reply.text.find("Firmware filepath [" + firmware.firmware_file +
+                              "] is too long. Max size: 2048"),
+              std::string::npos)
+        << reply.text;
 
     TimeRequest time;
     time.mac = "00:1b:c5:00:00:01";
@@ -295,6 +302,23 @@ TEST_F(DeviceCommandTest, UnreadableBodiesAnswer400AndTouchNothing) {
         }
     }
     EXPECT_EQ(handle_start_capture(session, "[]").status, 400);
+
+    // A reader says in the log, at error level, which field it missed.
+    const std::string no_mac = R"({"tidewells":[{"name":"x"}]})";
+    handle_set_device_time(session, updater, no_mac);
+    handle_update_firmware(session, updater, no_mac);
+    handle_start_capture(session, R"({"tidewells":[{"model":"Tidewell Pro","friendly_name":"a",
+        "mac":"00:1b:c5:00:00:01","file_name":"a","max_nr_files":1,"loop_capture":0,
+        "keep_files":1}]})");
+    for (const std::string reader : {"GetSetDeviceTime", "GetUpdateTidewellFirmware"}) {
+        EXPECT_EQ(log_count("ERROR: Exception parsing " + reader +
+                            ": JSON Parsing error: Non optional field [mac] not found"),
+                  1u)
+            << reader;
+    }
+    EXPECT_EQ(log_count("ERROR: Exception parsing tidewells array: JSON Parsing error: Non "
+                        "optional field [capture_time] not found"),
+              1u);
     EXPECT_TRUE(fake_.calls().empty());
 }
 
