@@ -26,10 +26,6 @@ constexpr uint64_t kBase = kBaseSeconds * kSecond;
 // The filter comparisons' sources, a day later.
 constexpr uint64_t kFilterBase = kBase + 86400 * kSecond;
 
-std::string milliseconds(uint64_t nanoseconds) {
-    return std::to_string(nanoseconds / 1000000);
-}
-
 // One server for every test. Two devices' files: dev1 writes pcapng (two ports, packets every
 // second from kBase), dev2 classic pcap (every second from kBase + 0.5 s); ports 53 and 80
 // alternate. For the filter comparisons, source "plain": plain traffic in a pcapng and a pcap
@@ -55,6 +51,7 @@ class CaptureDownloadServerTest : public ::testing::Test {
                       kBase + 39 * kSecond + kSecond / 2);
 
         uint64_t stamp = kFilterBase;
+        merged_.section().interface(9);
         const auto plain = plain_traffic();
         PcapngBuilder pcapng;
         pcapng.section().interface(9).interface(9);
@@ -117,7 +114,8 @@ class CaptureDownloadServerTest : public ::testing::Test {
     }
 
     static std::string capture_query(uint64_t from, uint64_t to, const std::string& extra = "") {
-        return "/getCapture?from=" + milliseconds(from) + "&to=" + milliseconds(to) + extra;
+        return "/getCapture?from=" + std::to_string(from / kMillisecond) +
+               "&to=" + std::to_string(to / kMillisecond) + extra;
     }
 
     // Wireshark's reading of a downloaded stream: one line per packet.
@@ -126,10 +124,6 @@ class CaptureDownloadServerTest : public ::testing::Test {
             data_->file("download-" + std::to_string(++downloads_) + ".pcapng");
         write_file(path, bytes);
         return run_command("tshark -r " + path + " -T fields " + fields + " 2>/dev/null");
-    }
-
-    static size_t lines(const std::string& text) {
-        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
     }
 
     struct Source {
@@ -145,9 +139,7 @@ class CaptureDownloadServerTest : public ::testing::Test {
         // From the source's second packet to its last, which the exclusive end leaves out.
         const uint64_t from = source.first + kMillisecond;
         const uint64_t to = source.last;
-        std::string query = "/getCapture?from=" + std::to_string(from / kMillisecond) +
-                            "&to=" + std::to_string(to / kMillisecond) +
-                            "&var-esinterface=" + source.name;
+        std::string query = capture_query(from, to, "&var-esinterface=" + source.name);
         std::vector<dashboard::DashboardFilter> triples;
         for (const auto& filter : filters) {
             query += "&var-Filters=" + url_encode(filter);
@@ -198,11 +190,7 @@ class CaptureDownloadServerTest : public ::testing::Test {
     static inline std::unique_ptr<ServerProcess> server_;
     static inline std::unique_ptr<TempDir> data_;
     static inline int downloads_ = 0;
-    static inline PcapngBuilder merged_ = [] {
-        PcapngBuilder builder;
-        builder.section().interface(9);
-        return builder;
-    }();
+    static inline PcapngBuilder merged_;
     static inline std::string merged_path_;
     static inline std::vector<Source> sources_;
     static inline std::map<std::string, PacketList> selections_;
@@ -237,7 +225,6 @@ TEST_F(CaptureDownloadServerTest, DirectDownloadIsTheRangeOfEveryFileInIndexOrde
         EXPECT_EQ(response.body.size(), expected.size());
         EXPECT_TRUE(response.body == expected);
     }
-    EXPECT_EQ(lines(tshark_fields(responses[0].body, "-e frame.number")), 20u);
     EXPECT_NE(server_->log().find("Found 2 files"), std::string::npos);
 }
 
@@ -266,32 +253,20 @@ TEST_F(CaptureDownloadServerTest, DashboardVariablesSelectSourcesAndFilterThroug
                                            "&var-bidirectionalfilter=true"));
     ASSERT_EQ(response.status, 200);
     // dev2's packets i + 100 carry port 80 when i is odd: 15 of the 30 in range.
-    EXPECT_EQ(tshark_fields(response.body, "-e udp.dstport"), [] {
-        std::string text;
-        for (int i = 0; i < 15; ++i) text += "80\n";
-        return text;
-    }());
+    wanted.clear();
+    for (int i = 0; i < 15; ++i) wanted += "80\n";
+    EXPECT_EQ(tshark_fields(response.body, "-e udp.dstport"), wanted);
     EXPECT_NE(server_->log().find(
                   "Got an interface (user) filter from Grafana, using as interface: 'dev2'"),
               std::string::npos);
 }
 
+// A missing time and a range without files answer the documented examples' pages
+// (ops/openapi_test).
 TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
-    HttpResponse response = http_.get("/getCapture?from=" + milliseconds(kBase));
-    EXPECT_EQ(response.status, 400);
-    EXPECT_EQ(response.body, "Error : Missing timestamp 'from' or 'to'");
-
-    response = http_.get("/getCapture?from=yesterday&to=now");
+    HttpResponse response = http_.get("/getCapture?from=yesterday&to=now");
     EXPECT_EQ(response.status, 400);
     EXPECT_EQ(response.body, "Error : Bad timestamps given");
-
-    // No file in the range: the styled page, status 200.
-    response = http_.get(capture_query(kBase + 1000 * kSecond, kBase + 2000 * kSecond));
-    EXPECT_EQ(response.status, 200);
-    EXPECT_NE(response.body.find("<h2>Error Extracting Capture File</h2><p>Unable to find "
-                                 "traffic data for the requested time range and filters in "
-                                 "your capture machine</p>"),
-              std::string::npos);
 
     // SQL in a dashboard variable is a source name like any other: it matches nothing.
     for (const char* source : {"' OR '1'='1", "x') OR ('1'='1"}) {

@@ -76,8 +76,13 @@ TEST_F(LimitsServerTest, LargeBodiesAreRefusedAndSlowClientsDropped) {
     ASSERT_TRUE(stall(first, "one.pcap"));
     ASSERT_TRUE(stall(second, "two.pcap"));
     ASSERT_TRUE(server.wait_for_log("Made new upload file at '" + uploaded("two.pcap") + "'"));
+    // Two uploads at a time.
     const std::vector<FormPart> form = {{"file", "pcap", "three.pcap"}};
-    EXPECT_EQ(server.client().post_form("/analyzeCapture", form).status, 503);
+    HttpResponse third = server.client().post_form("/analyzeCapture", form);
+    EXPECT_EQ(third.status, 503);
+    EXPECT_NE(third.body.find("Vistrel is busy with another analysis, please retry later"),
+              std::string::npos);
+    EXPECT_TRUE(server.wait_for_log("Max number of uploaders reached"));
 
     EXPECT_EQ(idle.read_to_end(), "");
     EXPECT_EQ(half.read_to_end(), "");

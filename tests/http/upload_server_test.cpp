@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "engine/standin_engine.h"
-#include "raw_connection.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
 
@@ -15,34 +14,6 @@ const char* const kAnalysisJson =
     R"({"analyzer":{"dns":true,"arp_stats":true,"pkt_stats":true,"es_host":"127.0.0.1",)"
     R"("es_port":"9200","es_index":"vistrel","es_type":"tidewell","http_host":"127.0.0.1",)"
     R"("http_port":"8081"}})";
-
-// An upload sent by hand so that it can stay unfinished while other requests come in. Its
-// analysis request is unreadable, so finishing it never starts the engine.
-class SlowUpload {
-  public:
-    SlowUpload(int port, const std::string& file_name) : connection_(port) {
-        const std::string boundary = "----vistrelboundary";
-        body_ = "--" + boundary + "\r\nContent-Disposition: form-data; name=\"json\"\r\n\r\n" +
-                "{not json\r\n--" + boundary +
-                "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + file_name +
-                "\"\r\n\r\n" + std::string(4096, 'p') + "\r\n--" + boundary + "--\r\n";
-        EXPECT_TRUE(connection_.send_text(
-            "POST /analyzeCapture HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
-            "Content-Type: multipart/form-data; boundary=" +
-            boundary + "\r\nContent-Length: " + std::to_string(body_.size()) + "\r\n\r\n" +
-            body_.substr(0, 1000)));
-    }
-
-    // Sends the rest and reads the whole answer (the server closes after it).
-    std::string finish() {
-        EXPECT_TRUE(connection_.send_text(body_.substr(1000)));
-        return connection_.read_to_end();
-    }
-
-  private:
-    RawConnection connection_;
-    std::string body_;
-};
 
 class UploadServerTest : public ::testing::Test {
   protected:
@@ -143,28 +114,6 @@ TEST_F(UploadServerTest, UploadsAreCheckedThenAnalysedOneAtATime) {
         "later\",\"command\":\"AnalyzeCapture\",\"analyzer\": {\"errors\":\"It is already "
         "running\",\"message\":\"It is already running\"},\"interfaces\":[],\"tidewells\":[]}");
     EXPECT_FALSE(std::filesystem::exists(uploaded("b.pcap")));
-}
-
-// That uploads cut short leave no partial file is the limits test's (slow clients dropped).
-TEST_F(UploadServerTest, ConcurrentUploadsAreLimitedAndAFinishedOneFreesItsPlace) {
-    SlowUpload first(server.port(), "one.pcap");
-    SlowUpload second(server.port(), "two.pcap");
-    ASSERT_TRUE(server.wait_for_log("Number of uploading clients increased to: 2"));
-
-    auto refused = client.post_form("/analyzeCapture",
-                                    {{"json", kAnalysisJson, ""}, {"file", "x", "three.pcap"}});
-    EXPECT_EQ(refused.status, 503);
-    EXPECT_NE(refused.body.find("Vistrel is busy with another analysis, please retry later"),
-              std::string::npos);
-    EXPECT_NE(server.log().find("Max number of uploaders reached"), std::string::npos);
-
-    EXPECT_NE(first.finish().find("Bad Json document for the given request"), std::string::npos);
-    ASSERT_TRUE(server.wait_for_log("Number of uploading clients decreased to: 1"));
-    auto accepted = client.post_form("/analyzeCapture",
-                                     {{"json", "{not json", ""}, {"file", "x", "four.pcap"}});
-    EXPECT_EQ(accepted.status, 400);
-    EXPECT_TRUE(std::filesystem::exists(uploaded("four.pcap")));
-    EXPECT_FALSE(engine.started());
 }
 
 }  // namespace

@@ -47,16 +47,9 @@ class OpsServerTest : public ::testing::Test {
                   200);
     }
 
-    size_t tshark_packets(const std::string& bytes) {
-        const std::string path = data_.file("download-" + std::to_string(++files_) + ".pcapng");
-        write_file(path, bytes);
-        return std::stoul(run_command("tshark -r " + path + " 2>/dev/null | wc -l"));
-    }
-
     TempDir data_;
     ServerProcess server_;
     HttpClient http_ = server_.client();
-    int files_ = 0;
 };
 
 }  // namespace vistrel::testing
