@@ -23,16 +23,8 @@ class CaptureIndexServerTest : public ::testing::Test {
                 "--database", database_path()};
     }
 
-    void start() { ASSERT_TRUE(server.start(arguments())) << server.output(); }
-
     std::string query(const std::string& sql) const { return sqlite_value(database_path(), sql); }
     long capture_rows() const { return std::stol(query("SELECT count(*) FROM TidewellCapture;")); }
-
-    static std::string add_file_query(const std::string& path, const std::string& source) {
-        return "/addFile?file_path=" + url_encode(path) + "&start_ts=1573430400000000000" +
-               "&end_ts=1573430460000000000&n_packets=10&source=" + url_encode(source) +
-               "&es_index=vistrel-1";
-    }
 
     TempDir data;
     ServerProcess server;
@@ -42,7 +34,7 @@ class CaptureIndexServerTest : public ::testing::Test {
 // table. Quotes and SQL in the texts are the index's own test's (database/capture_index_test);
 // what the cleanup requests delete, the handlers' (captureindex_endpoints_test).
 TEST_F(CaptureIndexServerTest, RowsAreStoredSafelyUntilTheCleanupModeEmptiesThem) {
-    start();
+    ASSERT_TRUE(server.start(arguments())) << server.output();
     constexpr int kClients = 8;
     constexpr int kFilesPerClient = 500;
     std::atomic<int> failures{0};
@@ -50,12 +42,14 @@ TEST_F(CaptureIndexServerTest, RowsAreStoredSafelyUntilTheCleanupModeEmptiesThem
     for (int client = 0; client < kClients; ++client) {
         clients.emplace_back([&, client] {
             HttpClient http = server.client();
+            const std::string source = "dev" + std::to_string(client);
             for (int file = 0; file < kFilesPerClient; ++file) {
-                std::string path =
-                    "/caps/" + std::to_string(client) + "/" + std::to_string(file) + ".pcapng";
-                if (http.get(add_file_query(path, "dev" + std::to_string(client))).status != 200) {
-                    ++failures;
-                }
+                const std::string query = "/addFile?file_path=/caps/" + source + "/" +
+                                          std::to_string(file) +
+                                          ".pcapng&start_ts=1573430400000000000&end_ts="
+                                          "1573430460000000000&n_packets=10&source=" +
+                                          source + "&es_index=vistrel-1";
+                if (http.get(query).status != 200) ++failures;
             }
         });
     }

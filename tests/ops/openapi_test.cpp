@@ -1,7 +1,5 @@
 // docs/openapi.yaml: valid OpenAPI, describing exactly the endpoints the server serves, and its
 // examples are what the server answers to the example requests of the same name.
-#include <yaml-cpp/yaml.h>
-
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -15,32 +13,13 @@ namespace {
 
 const std::string kDocument = VISTREL_SOURCE_DIR "/docs/openapi.yaml";
 
-// Plain YAML scalars take their JSON type; quoted ones stay strings.
-nlohmann::json to_json(const YAML::Node& node) {
-    if (node.IsMap()) {
-        nlohmann::json object = nlohmann::json::object();
-        for (const auto& entry : node)
-            object[entry.first.as<std::string>()] = to_json(entry.second);
-        return object;
-    }
-    if (node.IsSequence()) {
-        nlohmann::json array = nlohmann::json::array();
-        for (const auto& item : node) array.push_back(to_json(item));
-        return array;
-    }
-    if (node.IsNull()) return nullptr;
-    const std::string text = node.as<std::string>();
-    if (node.Tag() == "?") {
-        if (text == "true" || text == "false") return text == "true";
-        nlohmann::json number = nlohmann::json::parse(text, nullptr, false);
-        if (number.is_number()) return number;
-    }
-    return text;
-}
-
-// The document as JSON; `at(document, "/a/b")` is document["a"]["b"], null when missing.
+// The document as JSON, as PyYAML reads it: plain scalars take their JSON type, quoted ones
+// stay strings. `at(document, "/a/b")` is document["a"]["b"], null when missing.
 const nlohmann::json& document() {
-    static const nlohmann::json parsed = to_json(YAML::LoadFile(kDocument));
+    static const nlohmann::json parsed = nlohmann::json::parse(
+        run_command("/usr/bin/python3 -c 'import json, sys, yaml; "
+                    "json.dump(yaml.safe_load(open(sys.argv[1])), sys.stdout)' " +
+                    kDocument));
     return parsed;
 }
 nlohmann::json at(const nlohmann::json& node, const std::string& pointer) {
