@@ -252,7 +252,7 @@ TEST_F(CaptureDownloadServerTest, DashboardVariablesSelectSourcesAndFilterThePac
 }
 
 // A missing time and a range without files answer the documented examples' pages
-// (ops/openapi_test).
+// (ops/ops_server_test).
 TEST_F(CaptureDownloadServerTest, ErrorsAnswerTheirPages) {
     HttpResponse response = http_.get("/getCapture?from=yesterday&to=now");
     EXPECT_EQ(response.status, 400);

@@ -69,7 +69,7 @@ class CaptureIndexEndpointsTest : public DatabaseFixture {
     }
 };
 
-// The echo itself is the documented example's (ops/openapi_test).
+// The echo itself is the documented example's (ops/ops_server_test).
 TEST_F(CaptureIndexEndpointsTest, AddFileRegistersTheFileAndEchoesIt) {
     add_file();
     EXPECT_EQ(query("SELECT file_path || ' ' || es_index || ' ' || start_ts || ' ' || n_packets "

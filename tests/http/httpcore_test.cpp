@@ -33,7 +33,7 @@ class HttpCoreTest : public ::testing::Test {
 
 ServerProcess* HttpCoreTest::server_ = nullptr;
 
-// The replies of the known routes are the documented examples' (ops/openapi_test).
+// The replies of the known routes are the documented examples' (ops/ops_server_test).
 TEST_F(HttpCoreTest, RequestsAreLoggedAndAnsweredWithoutCrossOriginHeaders) {
     testing::HttpResponse response = client().get("/getStatus");
     EXPECT_EQ(response.status, 200);

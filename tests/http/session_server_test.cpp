@@ -133,7 +133,7 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
 }
 
 // The replies' texts are checked by the handlers' own tests and each route's wiring by the
-// replay of the documented examples (ops/openapi_test); here what needs the simulated devices:
+// replay of the documented examples (ops/ops_server_test); here what needs the simulated devices:
 // a new firmware mode restarts the device, and an image of the catalogue is flashed.
 TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed) {
     auto saved = client.post(

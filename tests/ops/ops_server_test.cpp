@@ -1,18 +1,176 @@
-// The shipped Grafana dashboard and GET /metrics through the real program: the dashboard's
-// download link, filled as Grafana fills it, streams the filtered capture, and the counters read
-// by the Prometheus reference parser follow the requests, downloads, registrations and clean-ups.
+// Operations through the real program, with one simulated device: docs/openapi.yaml (valid
+// OpenAPI, describing exactly the endpoints the server serves, its examples what the server
+// answers to the example requests of the same name), and the shipped Grafana dashboard and
+// GET /metrics: the dashboard's download link, filled as Grafana fills it, streams the filtered
+// capture, and the counters read by the Prometheus reference parser follow the requests,
+// downloads, registrations and clean-ups.
+#include <gtest/gtest.h>
 #include <yaml-cpp/yaml.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <string>
 
-#include "ops_server_fixture.h"
+#include "capturefilewriter.h"
+#include "http/httpserver.h"
+#include "http/routes.h"
 #include "support/eventually.h"
+#include "support/server_process.h"
 
 namespace vistrel::testing {
 namespace {
+
+// A real server with one simulated device.
+class OpsServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        write_file(data_.file("sim.yml"),
+                   "devices:\n"
+                   "  - mac: \"00:1b:c5:00:00:21\"\n"
+                   "    packets_per_second: 10\n");
+        server_.set_env("TIDEWELL_SIM_CONFIG", data_.file("sim.yml"));
+        ASSERT_TRUE(
+            server_.start({"--mode", "debug", "--host", "127.0.0.1", "--port",
+                           std::to_string(server_.port()), "--database", data_.file("index.db")}))
+            << server_.output();
+    }
+
+    TempDir data_;
+    ServerProcess server_;
+    HttpClient http_ = server_.client();
+};
+
+const std::string kDocument = VISTREL_SOURCE_DIR "/docs/openapi.yaml";
+
+// The document as JSON, as PyYAML reads it: plain scalars take their JSON type, quoted ones
+// stay strings. `at(document, "/a/b")` is document["a"]["b"], null when missing.
+const nlohmann::json& document() {
+    static const nlohmann::json parsed = nlohmann::json::parse(
+        run_command("/usr/bin/python3 -c 'import json, sys, yaml; "
+                    "json.dump(yaml.safe_load(open(sys.argv[1])), sys.stdout)' " +
+                    kDocument));
+    return parsed;
+}
+nlohmann::json at(const nlohmann::json& node, const std::string& pointer) {
+    return node.value(nlohmann::json::json_pointer(pointer), nlohmann::json());
+}
+std::string text(const nlohmann::json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+TEST(OpenApiDocumentTest, IsValidOpenApi) {
+    const std::string result =
+        run_command("swagger-cli validate " + kDocument + " 2>&1; echo rc=$?");
+    EXPECT_NE(result.find("rc=0"), std::string::npos) << result;
+}
+
+TEST(OpenApiDocumentTest, DescribesExactlyTheServedEndpoints) {
+    std::set<std::string> documented;
+    for (const auto& [path, operations] : document()["paths"].items()) {
+        for (const char* method : {"get", "post"}) {
+            if (operations.contains(method)) documented.insert(std::string(method) + " " + path);
+        }
+    }
+    std::set<std::string> served;
+    const http::HttpServer& server = http::HttpServer::instance();
+    for (const http::GetRoute& route : server.get_routes()) {
+        if (!route.handler) continue;
+        // URLs that merely contain the path are documented as files below it.
+        served.insert("get " + route.path + (route.match_anywhere ? "{file}" : ""));
+    }
+    for (const http::PostRoute& route : server.post_routes()) {
+        if (route.handler) served.insert("post " + route.path);
+    }
+    http::HttpServer::discard();
+    EXPECT_EQ(documented, served);
+}
+
+// The request of the example `name` of `operation`: path and query from the parameters'
+// examples, the body from the request body's.
+std::pair<std::string, std::string> request_of(std::string url, const nlohmann::json& operation,
+                                               const std::string& name) {
+    std::string query;
+    for (const nlohmann::json& parameter : operation.value("parameters", nlohmann::json::array())) {
+        const nlohmann::json example = at(parameter, "/examples/" + name + "/value");
+        if (example.is_null()) continue;
+        const std::string key = parameter["name"];
+        if (parameter["in"] == "path") {
+            url.replace(url.find("{" + key + "}"), key.size() + 2, text(example));
+            continue;
+        }
+        for (const nlohmann::json& value :
+             example.is_array() ? example : nlohmann::json::array({example})) {
+            query += (query.empty() ? "?" : "&") + key + "=" + url_encode(text(value));
+        }
+    }
+    const nlohmann::json body =
+        at(operation, "/requestBody/content/application~1json/examples/" + name + "/value");
+    return {url + query, body.is_null() ? "" : text(body)};
+}
+
+using OpenApiExamplesTest = OpsServerTest;
+
+TEST_F(OpenApiExamplesTest, ExamplesAreTheServersReplies) {
+    // The simulated device must be announced before the device examples are replayed.
+    EXPECT_TRUE(eventually(
+        [&] { return http_.get("/getDevices").body.find("00:1b:c5") != std::string::npos; }, 10));
+    int replayed = 0;
+    for (const auto& [path, operations] : document()["paths"].items()) {
+        for (const char* method : {"get", "post"}) {
+            if (!operations.contains(method)) continue;
+            const nlohmann::json& operation = operations[method];
+            for (const auto& [status, listed] : operation["responses"].items()) {
+                nlohmann::json response = listed;
+                if (response.contains("$ref")) {
+                    const std::string name = response["$ref"];
+                    response =
+                        at(document(), "/components/responses/" + name.substr(name.rfind('/') + 1));
+                }
+                const nlohmann::json contents = response.value("content", nlohmann::json::object());
+                for (const auto& [media, content] : contents.items()) {
+                    const nlohmann::json examples =
+                        content.value("examples", nlohmann::json::object());
+                    for (const auto& [name, example] : examples.items()) {
+                        if (!example.value("x-replay", true)) continue;
+                        auto [url, body] = request_of(path, operation, name);
+                        SCOPED_TRACE(std::string(method) + " " + url + " " + body + " (" + name +
+                                     ")");
+                        HttpResponse reply =
+                            std::string(method) == "get" ? http_.get(url) : http_.post(url, body);
+                        ++replayed;
+                        EXPECT_EQ(reply.status, std::stol(status));
+                        const nlohmann::json& expected = example["value"];
+                        const bool varies = example.value("x-varies", false);
+                        if (media != "application/json") {
+                            if (!varies) {
+                                EXPECT_EQ(reply.body, text(expected));
+                            }
+                            continue;
+                        }
+                        const nlohmann::json actual =
+                            nlohmann::json::parse(reply.body, nullptr, false);
+                        if (!varies) {
+                            EXPECT_EQ(actual, expected) << reply.body;
+                        } else if (expected.is_object()) {
+                            for (const auto& [key, value] : expected.items()) {
+                                EXPECT_TRUE(actual.contains(key)) << key << " in " << reply.body;
+                            }
+                        } else {
+                            EXPECT_EQ(actual.type(), expected.type()) << reply.body;
+                        }
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(replayed, 20);
+}
+
+constexpr uint64_t kSecond = 1000000000ull;
+constexpr uint64_t kBase = 1710000000ull * kSecond;
+constexpr int kPackets = 30;
 
 const std::string kGrafanaFolder = VISTREL_SOURCE_DIR "/config/grafana";
 
@@ -83,6 +241,24 @@ using Samples = std::vector<nlohmann::json>;
 
 class DashboardMetricsTest : public OpsServerTest {
   protected:
+    // kPackets UDP packets of source "dev", one a second from kBase; every third to port 53.
+    void register_capture() {
+        PcapngBuilder pcapng;
+        pcapng.section().interface(9);
+        for (int i = 0; i < kPackets; ++i) {
+            pcapng.packet(0, kBase + i * kSecond,
+                          udp_frame(80, "10.0.0.1", "10.0.0.2", 4000, i % 3 == 0 ? 53 : 80));
+        }
+        write_file(data_.file("dev.pcapng"), pcapng.bytes());
+        ASSERT_EQ(http_
+                      .get("/addFile?file_path=" + url_encode(data_.file("dev.pcapng")) +
+                           "&start_ts=" + std::to_string(kBase) +
+                           "&end_ts=" + std::to_string(kBase + kPackets * kSecond) +
+                           "&n_packets=30&source=dev&es_index=vistrel")
+                      .status,
+                  200);
+    }
+
     // The reference parser's reading of a scrape; fails the test when it cannot parse it.
     Samples scrape() {
         HttpResponse response = http_.get("/metrics");
