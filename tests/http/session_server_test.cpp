@@ -76,9 +76,8 @@ class SessionServerTest : public ::testing::Test {
     HttpClient client = server.client();
 };
 
+// Idle before the start is the documented example's (ops/ops_server_test).
 TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
-    EXPECT_EQ(client.get("/getCMStatus").body, kNotRunning);
-
     // Both replies list the two devices the same way.
     const std::string tail =
         "\"analyzer\": {\"errors\":\"\",\"message\":\"Sucessfully executed command\"},"
@@ -132,9 +131,10 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
     EXPECT_NE(last["last_session"]["end_ts"], 0);
 }
 
-// The replies' texts are checked by the handlers' own tests and each route's wiring by the
-// replay of the documented examples (ops/ops_server_test); here what needs the simulated devices:
-// a new firmware mode restarts the device, and an image of the catalogue is flashed.
+// The replies' texts are checked by the handlers' own tests (devices/firmware_test for the
+// update's) and each route's wiring by the replay of the documented examples
+// (ops/ops_server_test), the catalogue's offer to each model too; here what needs the simulated
+// devices: a new firmware mode restarts the device, and an image of the catalogue is flashed.
 TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed) {
     auto saved = client.post(
         "/saveTidewell",
@@ -149,24 +149,11 @@ TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed
 
     write_file(server.quellwick_root() + "/tidewell/firmware/tidewell-pro10g-1.2.twfw",
                "firmware image");
-    auto firmwares = nlohmann::json::parse(client.get("/getTidewellFirmwares").body);
-    bool offered = false;
-    for (const auto& device : firmwares["tidewells"]) {
-        if (device["mac"] != "00:1b:c5:00:00:12") continue;
-        for (const auto& image : device["firmwares"]) {
-            offered = offered || image["file"] == "tidewell-pro10g-1.2.twfw";
-        }
-    }
-    EXPECT_TRUE(offered) << firmwares.dump();
-
     const std::string device = R"({"tidewells":[{"mac":"00:1b:c5:00:00:12"}]})";
     auto started = client.post(
         "/updateTidewellFirmware",
         R"({"tidewells":[{"mac":"00:1b:c5:00:00:12","firmware_file":"tidewell-pro10g-1.2.twfw"}]})");
     EXPECT_EQ(started.status, 200) << started.body;
-    EXPECT_NE(started.body.find("\"general_message\":\"Successfully started firmware update of "
-                                "device with mac [00:1b:c5:00:00:12]\""),
-              std::string::npos);
     EXPECT_TRUE(eventually([&] {
         return client.post("/getTidewellFirmwareUpdateStatus", device)
                    .body.find("has completed successfully") != std::string::npos;
