@@ -133,7 +133,7 @@ TEST_F(SessionServerTest, CaptureOnTwoDevicesStartsAndStops) {
 
 // The replies' texts are checked by the handlers' own tests (devices/firmware_test for the
 // update's) and each route's wiring by the replay of the documented examples
-// (ops/ops_server_test), the catalogue's offer to each model too; here what needs the simulated
+// (ops/ops_server_test), with the catalogue's offer to a device; here what needs the simulated
 // devices: a new firmware mode restarts the device, and an image of the catalogue is flashed.
 TEST_F(SessionServerTest, FirmwareModeChangeRestartsTheDeviceAndAnImageIsFlashed) {
     auto saved = client.post(
