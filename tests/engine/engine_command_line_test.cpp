@@ -42,13 +42,10 @@ TEST_F(CommandLineTest, InterfacesOnlyKeepTheHttpIndex) {
               " --http-tidewell-index \"es;web;http://10.0.0.5:9201/_bulk;\" --dns-mode 3");
 }
 
+// A device in disk-dump mode 1 drops the HTTP index for all; so does one whose own flag is off,
+// checked where the engine reads the server's line.
 TEST_F(CommandLineTest, OneUnindexedDeviceDropsTheHttpIndexForAll) {
-    std::vector<EngineDevice> devices{{"a", "/c/a", 1, 2, true, 0}, {"b", "/c/b", 1, 2, false, 0}};
-    std::string command = live_command_line(devices, {}, &options);
-    EXPECT_NE(command.find("-P \"b;/c/b;1;2;0\""), std::string::npos);
-    EXPECT_EQ(command.find("--http-tidewell-index"), std::string::npos);
-
-    devices = {{"a", "/c/a", 1, 2, true, 1}};
+    std::vector<EngineDevice> devices{{"a", "/c/a", 1, 2, true, 0}, {"b", "/c/b", 1, 2, true, 1}};
     EXPECT_EQ(live_command_line(devices, {}, &options).find("--http-tidewell-index"),
               std::string::npos);
 }
