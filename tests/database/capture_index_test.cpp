@@ -114,14 +114,9 @@ TEST_F(CaptureIndexTest, QuotesAndSqlInTextsAreStoredFoundAndRemoved) {
 // The plan SQLite chooses for each kind of selection: no scan of the whole index.
 TEST_F(CaptureIndexTest, SelectionsAndDeletionUseTheIndices) {
     auto plan = [this](const BoundStatement& where) {
-        std::string text = "EXPLAIN QUERY PLAN SELECT * FROM 'TidewellCapture' WHERE " + where.text;
-        for (const SqlValue& value : where.values) {
-            size_t at = text.find('?');
-            text.replace(at, 1,
-                         std::holds_alternative<int64_t>(value)
-                             ? std::to_string(std::get<int64_t>(value))
-                             : "'" + std::get<std::string>(value) + "'");
-        }
+        // Planned as the statement is prepared, before any value is bound.
+        const std::string text =
+            "EXPLAIN QUERY PLAN SELECT * FROM 'TidewellCapture' WHERE " + where.text;
         std::string steps;
         sqlite3* handle = nullptr;
         sqlite3_open(database_path.c_str(), &handle);
