@@ -40,16 +40,15 @@ class CaptureIndexTest : public DatabaseFixture {
     }
 };
 
-TEST_F(CaptureIndexTest, InvalidRecordsAreRefusedWithoutTouchingTheDatabase) {
+TEST_F(CaptureIndexTest, InvalidRecordsAreRefusedAndValidOnesComeBackWhole) {
     for (const CaptureFileRecord& record :
          {capture_record("/c/a", 100, 0), capture_record("/c/a", 0, 100), capture_record("", 1, 2),
           capture_record("/c/a", 1, 2, ""), capture_record("/c/a", 1, 2, "dev1", "")}) {
         EXPECT_EQ(add_capture_file(record), kInvalidRecord) << record.file_path;
     }
     EXPECT_EQ(rows(kCaptureTable), 0);
-}
 
-TEST_F(CaptureIndexTest, RecordsComeBackWhole) {
+    // A valid record comes back whole.
     CaptureFileRecord stored =
         capture_record("/c/a.pcapng", 1573430400123456789ull, 1573430400999999999ull);
     stored.n_packets = 0;
