@@ -1,6 +1,7 @@
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "database/database_fixture.h"
@@ -93,26 +94,14 @@ TEST_F(VistrelDatabaseTest, OnlyTheKindsOfStatementTheServerIssuesRun) {
     EXPECT_EQ(occurrences(log_text(), "SQL error: only one statement per call"), 1u);
 }
 
-// Another connection holds the write lock for the whole test.
-class HeldWriteLockTest : public DatabaseFixture {
-  protected:
-    void SetUp() override {
-        DatabaseFixture::SetUp();
-        ASSERT_EQ(VistrelDatabase().create_schema(), kSuccess);
-        ASSERT_EQ(sqlite3_open(database_path.c_str(), &holder), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(holder, "BEGIN IMMEDIATE;", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-    void TearDown() override {
-        sqlite3_close(holder);
-        DatabaseFixture::TearDown();
-    }
-    void release() {
-        ASSERT_EQ(sqlite3_exec(holder, "ROLLBACK;", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-    sqlite3* holder = nullptr;
-};
-
-TEST_F(HeldWriteLockTest, InsertThatCannotWaitIsRetriedTenTimesOneThatCanWaitsForTheLock) {
+TEST_F(VistrelDatabaseTest, InsertThatCannotWaitIsRetriedTenTimesOneThatCanWaitsForTheLock) {
+    ASSERT_EQ(VistrelDatabase().create_schema(), kSuccess);
+    // Another connection holds the write lock.
+    sqlite3* handle = nullptr;
+    const int opened = sqlite3_open(database_path.c_str(), &handle);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> holder(handle, sqlite3_close);
+    ASSERT_EQ(opened, SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(handle, "BEGIN IMMEDIATE;", nullptr, nullptr, nullptr), SQLITE_OK);
     VistrelDatabase impatient(database_path, 0);
     EXPECT_EQ(impatient.insert(kCaptureTable, "file_path", {"a"}), kInsertFailed);
     std::string log = log_text();
@@ -124,9 +113,9 @@ TEST_F(HeldWriteLockTest, InsertThatCannotWaitIsRetriedTenTimesOneThatCanWaitsFo
     EXPECT_EQ(occurrences(log, "Unable to insert values into table TidewellCapture"), 1u);
 
     // Whenever the holder lets go, the waiting insert goes through without an error line.
-    std::thread releaser([this] {
+    std::thread releaser([handle] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        release();
+        EXPECT_EQ(sqlite3_exec(handle, "ROLLBACK;", nullptr, nullptr, nullptr), SQLITE_OK);
     });
     EXPECT_EQ(VistrelDatabase().insert(kCaptureTable, "file_path", {"a"}), kSuccess);
     releaser.join();
