@@ -168,8 +168,6 @@ TEST_F(VistrelDatabaseTest, UnopenablePathFallsBackToTheWorkingDirectory) {
     EXPECT_EQ(occurrences(log, "Failed to open DB: [folder.db]"), 1u);
     // Reported as opened all the same: the log has always read so after the fallback.
     EXPECT_EQ(occurrences(log, "Successfully opened DB: [folder.db]"), 1u);
-    EXPECT_EQ(occurrences(log, "SQL command: INSERT INTO 'TidewellCapture'"), 10u);
-    EXPECT_EQ(occurrences(log, "Unable to insert values into table TidewellCapture"), 1u);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ std::vector<std::string> blocks(const std::string& extract) {
     for (size_t at = 92; at + 8 <= extract.size();) {
         uint32_t length;
         std::memcpy(&length, extract.data() + at + 4, 4);
-        check(length >= 32 && at + length <= extract.size());
+        FUZZ_CHECK(length >= 32 && at + length <= extract.size());
         result.push_back(extract.substr(at, length));
         at += length;
     }
@@ -85,16 +85,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     auto filtered = vistrel::capture::prepare_extraction(query, files);
     if (filtered.job && !filtered.job->nothing_readable()) {
-        check(filtered.job->path() == ExtractionJob::Path::kSelected);
+        FUZZ_CHECK(filtered.job->path() == ExtractionJob::Path::kSelected);
         vistrel::capture::CaptureQuery everything;
         auto direct = vistrel::capture::prepare_extraction(everything, {record});
-        check(static_cast<bool>(direct.job));
+        FUZZ_CHECK(static_cast<bool>(direct.job));
         const std::vector<std::string> all = blocks(stream(*direct.job));
         const std::vector<std::string> selected = blocks(stream(*filtered.job));
         size_t next = 0;
         for (const auto& epb : selected) {
             while (next < all.size() && all[next] != epb) ++next;
-            check(next < all.size());
+            FUZZ_CHECK(next < all.size());
             ++next;
         }
     }

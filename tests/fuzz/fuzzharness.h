@@ -14,12 +14,12 @@
 
 namespace vistrel::fuzz {
 
-inline void fail_unless(bool condition, int line) {
+inline void fail_unless(bool condition, const char* file, int line) {
     if (condition) return;
-    std::fprintf(stderr, "check failed at line %d\n", line);
+    std::fprintf(stderr, "check failed at %s:%d\n", file, line);
     std::abort();
 }
-#define check(condition) ::vistrel::fuzz::fail_unless((condition), __LINE__)
+#define FUZZ_CHECK(condition) ::vistrel::fuzz::fail_unless((condition), __FILE__, __LINE__)
 
 // Once per run: millions of inputs must not fill the disk with log lines.
 inline void quiet() {
@@ -32,8 +32,8 @@ inline void quiet() {
 inline const std::string& memory_file(const uint8_t* data, size_t size) {
     static const int fd = memfd_create("fuzz-input", 0);
     static const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    check(fd >= 0 && ftruncate(fd, 0) == 0);
-    check(size == 0 || pwrite(fd, data, size, 0) == static_cast<ssize_t>(size));
+    FUZZ_CHECK(fd >= 0 && ftruncate(fd, 0) == 0);
+    FUZZ_CHECK(size == 0 || pwrite(fd, data, size, 0) == static_cast<ssize_t>(size));
     return path;
 }
 

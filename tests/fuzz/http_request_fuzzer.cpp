@@ -32,7 +32,7 @@ void set_up() {
     sqlite3_config(SQLITE_CONFIG_URI, 1);
     vistrel::fuzz::quiet();
     char folder[] = "/tmp/vistrel-fuzz-XXXXXX";
-    check(mkdtemp(folder) != nullptr);
+    FUZZ_CHECK(mkdtemp(folder) != nullptr);
     configuration().database = "file:vistrel-fuzz?mode=memory&cache=shared";
     configuration().capture_path = folder;
     configuration().analyze_capture_path = folder;

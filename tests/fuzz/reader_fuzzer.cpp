@@ -29,13 +29,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<size_t> sizes;
     while (auto packet = whole.next_packet()) {
         const auto& block = packet->block;
-        check(block.size() >= 32);
+        FUZZ_CHECK(block.size() >= 32);
         uint32_t interface_id, high, low;
         std::memcpy(&interface_id, block.data() + 8, 4);
         std::memcpy(&high, block.data() + 12, 4);
         std::memcpy(&low, block.data() + 16, 4);
-        check(interface_id <= 1);
-        check((uint64_t{high} << 32 | low) == packet->timestamp);
+        FUZZ_CHECK(interface_id <= 1);
+        FUZZ_CHECK((uint64_t{high} << 32 | low) == packet->timestamp);
         packets.append(block.begin(), block.end());
         sizes.push_back(block.size());
     }
@@ -43,16 +43,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader chunked(path);
     std::string ranges;
     while (auto chunk = chunked.read_range(0, ~uint64_t{0}, maximum)) {
-        check(chunk->size() <= maximum);
+        FUZZ_CHECK(chunk->size() <= maximum);
         ranges.append(chunk->begin(), chunk->end());
     }
     // Ranges stop early only at a packet larger than the chunk size.
-    check(packets.compare(0, ranges.size(), ranges) == 0);
+    FUZZ_CHECK(packets.compare(0, ranges.size(), ranges) == 0);
     if (ranges.size() < packets.size()) {
         size_t offset = 0;
         size_t index = 0;
         while (offset < ranges.size()) offset += sizes[index++];
-        check(offset == ranges.size() && sizes[index] > maximum);
+        FUZZ_CHECK(offset == ranges.size() && sizes[index] > maximum);
     }
     return 0;
 }
