@@ -12,13 +12,13 @@ namespace {
 
 using testing::PcapngBuilder;
 
-uint64_t count_in_pieces(const std::string& stream, size_t piece, bool* broken = nullptr) {
+uint64_t count_in_pieces(const std::string& stream, size_t piece, bool& broken) {
     PcapngPacketCounter counter;
     const auto* bytes = reinterpret_cast<const uint8_t*>(stream.data());
     for (size_t offset = 0; offset < stream.size(); offset += piece) {
         counter.feed(bytes + offset, std::min(piece, stream.size() - offset));
     }
-    if (broken != nullptr) *broken = counter.broken();
+    broken = counter.broken();
     return counter.packets();
 }
 
@@ -45,7 +45,7 @@ TEST(PcapngPacketCounterTest, CountsPacketBlocksWhateverThePieces) {
             PcapngBuilder().section().interface().packet(0, 1, "a").packet(0, 2, "").bytes());
     for (size_t piece : {size_t{1}, size_t{3}, size_t{7}, size_t{4096}, stream.size()}) {
         bool broken = true;
-        EXPECT_EQ(count_in_pieces(stream, piece, &broken), 27u) << "pieces of " << piece;
+        EXPECT_EQ(count_in_pieces(stream, piece, broken), 27u) << "pieces of " << piece;
         EXPECT_FALSE(broken);
     }
 }
@@ -54,7 +54,7 @@ TEST(PcapngPacketCounterTest, StopsAtWhatIsNotPcapng) {
     bool broken = false;
     testing::PcapBuilder pcap;
     pcap.record(1, 0, testing::udp_frame(60, "10.0.0.1", "10.0.0.2", 1, 2));
-    EXPECT_EQ(count_in_pieces(pcap.bytes(), 16, &broken), 0u);
+    EXPECT_EQ(count_in_pieces(pcap.bytes(), 16, broken), 0u);
     EXPECT_TRUE(broken);
 
     // A block length that is not a multiple of 4 ends the count after the good packets.
@@ -62,7 +62,7 @@ TEST(PcapngPacketCounterTest, StopsAtWhatIsNotPcapng) {
     builder.section().interface().packet(0, 1, "abcd");
     std::string stream = builder.bytes() + std::string("\x06\x00\x00\x00\x0d\x00\x00\x00", 8);
     stream += builder.bytes();
-    EXPECT_EQ(count_in_pieces(stream, 5, &broken), 1u);
+    EXPECT_EQ(count_in_pieces(stream, 5, broken), 1u);
     EXPECT_TRUE(broken);
 }
 

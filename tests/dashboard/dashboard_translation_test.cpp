@@ -35,7 +35,6 @@ TEST(DashboardTime, TextsBecomeEpochNanoseconds) {
         // Absolute milliseconds are never rounded.
         {"1573430400123", true, kWednesday, 1573430400123, true},
         {"1573430400123/d", false, kWednesday, 1573430400123, true},
-        {"5", true, kWednesday, 5, true},
         {"now", true, kWednesday, kWednesday},
         {"now-6h", true, kWednesday, kWednesday - 6 * 3600},
         {"now-30s", false, kWednesday, kWednesday - 30},
@@ -50,7 +49,6 @@ TEST(DashboardTime, TextsBecomeEpochNanoseconds) {
         // Rounding goes to the period's start, or for the end to the next one.
         {"now-1d/d", true, kWednesday, kMarch13 - kDay},
         {"now-1d/d", false, kWednesday, kMarch13},
-        {"now/d", false, kWednesday, kMarch13 + kDay},
         // Weeks begin on Monday (March 11); on a Sunday the elapsed time is negative and
         // kept: the "start" is the next Monday.
         {"now/w", true, kWednesday, kMarch13 - 2 * kDay},

@@ -1,12 +1,8 @@
 // libFuzzer target for the fast filtered path: a random dashboard filter made from the keys of
 // the shipped rules file, over a fuzzed pcapng file. Whatever libpcap takes must run without a
-// fault and give a subsequence of the unfiltered extract (filter_differential_test compares the
+// fault and give a subsequence of the unfiltered extract (the download tests compare the
 // selection itself with tshark's).
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <list>
 #include <string>
@@ -15,29 +11,11 @@
 #include "capture/extractionjob.h"
 #include "capture/filterchoice.h"
 #include "dashboard/dashboardfilter.h"
-#include "startup/logger.h"
+#include "fuzzharness.h"
 
 namespace {
 
 using vistrel::capture::ExtractionJob;
-
-void fail_unless(bool condition, int line) {
-    if (condition) return;
-    std::fprintf(stderr, "check failed at line %d\n", line);
-    std::abort();
-}
-#define check(condition) fail_unless((condition), __LINE__)
-
-int memory_file(const std::string& name, const uint8_t* data, size_t size) {
-    const int fd = memfd_create(name.c_str(), 0);
-    check(fd >= 0);
-    check(size == 0 || pwrite(fd, data, size, 0) == static_cast<ssize_t>(size));
-    return fd;
-}
-
-std::string path_of(int fd) {
-    return "/proc/self/fd/" + std::to_string(fd);
-}
 
 std::string stream(ExtractionJob& job) {
     std::string bytes;
@@ -55,7 +33,7 @@ std::vector<std::string> blocks(const std::string& extract) {
     for (size_t at = 92; at + 8 <= extract.size();) {
         uint32_t length;
         std::memcpy(&length, extract.data() + at + 4, 4);
-        check(length >= 32 && at + length <= extract.size());
+        FUZZ_CHECK(length >= 32 && at + length <= extract.size());
         result.push_back(extract.substr(at, length));
         at += length;
     }
@@ -65,11 +43,7 @@ std::vector<std::string> blocks(const std::string& extract) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        vistrel::logger().set_level(0);
-        return true;
-    }();
-    (void)quiet;
+    vistrel::fuzz::quiet();
     static const std::vector<std::pair<std::string, std::vector<std::string>>> kKeys = {
         {"IP_SRC", {"10.0.0.1", "2001:db8::1"}},
         {"IP_DST", {"10.0.0.2", "::1"}},
@@ -98,9 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         filters.push_back({key, kOperators[choice % 6], values[(choice / 6) % values.size()]});
     }
     const size_t header = 1 + 2 * terms;
-    const int fd = memory_file("fuzz-capture", data + header, size - header);
     vistrel::capture::CaptureFileRecord record;
-    record.file_path = path_of(fd);
+    record.file_path = vistrel::fuzz::memory_file(data + header, size - header);
 
     vistrel::capture::CaptureQuery query;
     query.display_filter =
@@ -108,25 +81,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Only the fast path is exercised: what goes to tshark is tshark's business.
     const std::list<vistrel::capture::CaptureFileRecord> files = {record};
     const auto choice = vistrel::capture::choose_filter(query.display_filter, "");
-    if (!choice.selector || !vistrel::capture::range_is_plain(*choice.selector, files, 0, ~0ull)) {
-        close(fd);
+    if (!choice.selector || !vistrel::capture::range_is_plain(*choice.selector, files, 0, ~0ull))
         return 0;
-    }
     auto filtered = vistrel::capture::prepare_extraction(query, files);
     if (filtered.job && !filtered.job->nothing_readable()) {
-        check(filtered.job->path() == ExtractionJob::Path::kSelected);
+        FUZZ_CHECK(filtered.job->path() == ExtractionJob::Path::kSelected);
         vistrel::capture::CaptureQuery everything;
         auto direct = vistrel::capture::prepare_extraction(everything, {record});
-        check(static_cast<bool>(direct.job));
+        FUZZ_CHECK(static_cast<bool>(direct.job));
         const std::vector<std::string> all = blocks(stream(*direct.job));
         const std::vector<std::string> selected = blocks(stream(*filtered.job));
         size_t next = 0;
         for (const auto& epb : selected) {
             while (next < all.size() && all[next] != epb) ++next;
-            check(next < all.size());
+            FUZZ_CHECK(next < all.size());
             ++next;
         }
     }
-    close(fd);
     return 0;
 }

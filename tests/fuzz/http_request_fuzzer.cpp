@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <iterator>
 #include <map>
@@ -15,11 +14,11 @@
 #include <string>
 
 #include "database/vistreldatabase.h"
+#include "fuzzharness.h"
 #include "http/captureindexendpoints.h"
 #include "session/devicerequests.h"
 #include "session/startrequest.h"
 #include "startup/configuration.h"
-#include "startup/logger.h"
 
 namespace {
 
@@ -31,9 +30,9 @@ sqlite3* g_keeper = nullptr;
 
 void set_up() {
     sqlite3_config(SQLITE_CONFIG_URI, 1);
-    vistrel::logger().set_level(0);
+    vistrel::fuzz::quiet();
     char folder[] = "/tmp/vistrel-fuzz-XXXXXX";
-    if (mkdtemp(folder) == nullptr) std::abort();
+    FUZZ_CHECK(mkdtemp(folder) != nullptr);
     configuration().database = "file:vistrel-fuzz?mode=memory&cache=shared";
     configuration().capture_path = folder;
     configuration().analyze_capture_path = folder;

@@ -1,23 +1,14 @@
 // libFuzzer target for one capture reader (VISTREL_FUZZ_PCAPNG picks pcapng, else pcap).
 // Every input must end cleanly, and reading it by ranges in small chunks must give exactly
 // the packets that reading it packet by packet gives: the resume point is exact.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "capture/pcapformatparser.h"
 #include "capture/pcapngformatparser.h"
-#include "startup/logger.h"
-
-namespace {
-
-using vistrel::capture::FileFormatParser;
+#include "fuzzharness.h"
 
 #ifdef VISTREL_FUZZ_PCAPNG
 using Reader = vistrel::capture::PcapngFormatParser;
@@ -25,31 +16,12 @@ using Reader = vistrel::capture::PcapngFormatParser;
 using Reader = vistrel::capture::PcapFormatParser;
 #endif
 
-void check(bool condition) {
-    if (!condition) std::abort();
-}
-
-// The input as a file the readers can open by name, without touching the disk.
-const std::string& memory_file(const uint8_t* data, size_t size) {
-    static const int fd = memfd_create("fuzz-input", 0);
-    static const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    check(fd >= 0 && ftruncate(fd, 0) == 0);
-    check(size == 0 || pwrite(fd, data, size, 0) == static_cast<ssize_t>(size));
-    return path;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        vistrel::logger().set_level(0);
-        return true;
-    }();
-    (void)quiet;
+    vistrel::fuzz::quiet();
     if (size < 2) return 0;
     // The first two bytes choose the chunk size; the rest is the file.
     const size_t maximum = 32 + (size_t{data[0]} << 8 | data[1]) % 8192;
-    const std::string& path = memory_file(data + 2, size - 2);
+    const std::string& path = vistrel::fuzz::memory_file(data + 2, size - 2);
 
     Reader whole(path);
     whole.check_header();
@@ -57,13 +29,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<size_t> sizes;
     while (auto packet = whole.next_packet()) {
         const auto& block = packet->block;
-        check(block.size() >= 32);
+        FUZZ_CHECK(block.size() >= 32);
         uint32_t interface_id, high, low;
         std::memcpy(&interface_id, block.data() + 8, 4);
         std::memcpy(&high, block.data() + 12, 4);
         std::memcpy(&low, block.data() + 16, 4);
-        check(interface_id <= 1);
-        check((uint64_t{high} << 32 | low) == packet->timestamp);
+        FUZZ_CHECK(interface_id <= 1);
+        FUZZ_CHECK((uint64_t{high} << 32 | low) == packet->timestamp);
         packets.append(block.begin(), block.end());
         sizes.push_back(block.size());
     }
@@ -71,16 +43,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader chunked(path);
     std::string ranges;
     while (auto chunk = chunked.read_range(0, ~uint64_t{0}, maximum)) {
-        check(chunk->size() <= maximum);
+        FUZZ_CHECK(chunk->size() <= maximum);
         ranges.append(chunk->begin(), chunk->end());
     }
     // Ranges stop early only at a packet larger than the chunk size.
-    check(packets.compare(0, ranges.size(), ranges) == 0);
+    FUZZ_CHECK(packets.compare(0, ranges.size(), ranges) == 0);
     if (ranges.size() < packets.size()) {
         size_t offset = 0;
         size_t index = 0;
         while (offset < ranges.size()) offset += sizes[index++];
-        check(offset == ranges.size() && sizes[index] > maximum);
+        FUZZ_CHECK(offset == ranges.size() && sizes[index] > maximum);
     }
     return 0;
 }

@@ -7,21 +7,15 @@
 namespace vistrel::host {
 namespace {
 
-TEST(Interfaces, LoopbackAdapterAndAddressTexts) {
+// Address texts are read through the dashboard's filters and the --host option; here, what
+// only a range check refuses.
+TEST(Interfaces, LoopbackIsFoundButLeftOutOfTheDocument) {
     EXPECT_TRUE(adapter_exists("lo"));
     EXPECT_FALSE(adapter_exists("LO"));
     EXPECT_EQ(adapter_address("lo"), "127.0.0.1");
     EXPECT_EQ(adapter_address("nosuch0"), "");
-
-    EXPECT_TRUE(is_ipv4_address("192.168.1.20"));
     EXPECT_FALSE(is_ipv4_address("192.168.1.256"));
-    EXPECT_FALSE(is_ipv4_address("localhost"));
-    EXPECT_FALSE(is_ipv4_address("::1"));
-    EXPECT_TRUE(is_ipv6_address("::1"));
-    EXPECT_FALSE(is_ipv6_address("127.0.0.1"));
-}
 
-TEST(Interfaces, DocumentLeavesOutLoopback) {
     nlohmann::json list = nlohmann::json::parse(interfaces_document());
     ASSERT_TRUE(list.is_array());
     int expected_id = 0;
