@@ -2,13 +2,12 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <stdexcept>
 #include <string_view>
 #include <tuple>
@@ -46,13 +45,8 @@ bool is_bulk(const RecordedRequest& request) {
 // The non-empty lines of an NDJSON body.
 std::vector<std::string_view> lines_of(std::string_view body) {
     std::vector<std::string_view> lines;
-    while (!body.empty()) {
-        size_t end = body.find('\n');
-        std::string_view line = body.substr(0, end);
-        if (!line.empty()) lines.push_back(line);
-        if (end == std::string_view::npos) break;
-        body.remove_prefix(end + 1);
-    }
+    for (const auto line : std::views::split(body, '\n'))
+        if (!line.empty()) lines.emplace_back(line.begin(), line.end());
     return lines;
 }
 
@@ -190,24 +184,6 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
     }
     nlohmann::json body = {{"took", 1}, {"errors", errors}, {"items", items}};
     return {200, body.dump()};
-}
-
-uint16_t ElasticsearchStandIn::closed_port() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) throw std::runtime_error("no socket for a closed port");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    uint16_t port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    // Bound but never listening, then released: connections are refused.
-    ::close(fd);
-    if (port == 0) throw std::runtime_error("no closed port found");
-    return port;
 }
 
 MHD_Result ElasticsearchStandIn::on_request(void* self, MHD_Connection* connection, const char* url,

@@ -96,9 +96,9 @@ class ElasticsearchStandIn {
     // Listens again on the same port; throws std::runtime_error when it cannot.
     void start();
 
-    // A loopback port on which nothing listens (bound once, then released): an unreachable
+    // A loopback port on which nothing listens (a stand-in's, once it is gone): an unreachable
     // server for failure tests.
-    static uint16_t closed_port();
+    static uint16_t closed_port() { return ElasticsearchStandIn().port(); }
 
   private:
     template <typename T>

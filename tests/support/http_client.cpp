@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 
 namespace vistrel::testing {
@@ -62,7 +61,6 @@ HttpResponse transfer(const std::string& url, const std::string& method, const s
     HttpResponse response;
     auto handle = make_handle(url, response);
     if (!method.empty()) curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
-    if (method == "HEAD") curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
     if (body != nullptr) {
         curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body->data());
         curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
@@ -94,11 +92,10 @@ HttpResponse HttpClient::request(const std::string& method, const std::string& p
     return transfer(base_url_ + path, method, body.empty() ? nullptr : &body, {});
 }
 
-HttpResponse HttpClient::post_form(const std::string& path, const std::vector<FormPart>& parts,
-                                   const std::string& ca_file) const {
+HttpResponse HttpClient::post_form(const std::string& path,
+                                   const std::vector<FormPart>& parts) const {
     HttpResponse response;
     auto handle = make_handle(base_url_ + path, response);
-    if (!ca_file.empty()) curl_easy_setopt(handle.get(), CURLOPT_CAINFO, ca_file.c_str());
     curl_mime* form = curl_mime_init(handle.get());
     for (const FormPart& part : parts) {
         curl_mimepart* field = curl_mime_addpart(form);
@@ -113,17 +110,9 @@ HttpResponse HttpClient::post_form(const std::string& path, const std::vector<Fo
 }
 
 std::string url_encode(const std::string& text) {
-    std::string encoded;
-    char buffer[4];
-    for (unsigned char c : text) {
-        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-            encoded += static_cast<char>(c);
-        } else {
-            std::snprintf(buffer, sizeof buffer, "%%%02X", c);
-            encoded += buffer;
-        }
-    }
-    return encoded;
+    std::unique_ptr<char, decltype(&curl_free)> escaped(
+        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), curl_free);
+    return escaped ? escaped.get() : "";
 }
 
 }  // namespace vistrel::testing
