@@ -190,7 +190,7 @@ TEST_F(OperationsTest, Stop) {
     EXPECT_FALSE(devices::get_dd_status(device_));
 }
 
-TEST_F(OperationsTest, RestartAndSaveFeatures) {
+TEST_F(OperationsTest, RestartSaveAndSetFeatures) {
     EXPECT_EQ(devices::api_restart_device(device_), 0u);
     EXPECT_TRUE(devices::restart_device(device_));
     EXPECT_TRUE(devices::save_features(device_));
@@ -201,6 +201,17 @@ TEST_F(OperationsTest, RestartAndSaveFeatures) {
               1u);
     EXPECT_FALSE(devices::restart_device(device_));
     EXPECT_FALSE(devices::save_features(device_));
+
+    // Setting features ignores a failure to set the port speeds.
+    fake_.clear_calls();
+    device_.features.SlicingLength = 96;
+    fake_.set_result("set_device_ports_speed", TIDEWELLAPI_ERROR);
+    EXPECT_TRUE(devices::set_features(device_));
+    EXPECT_EQ(fake_.calls(), (Calls{"set_device_features", "set_device_ports_speed"}));
+    EXPECT_EQ(fake_.device(0x100).features.SlicingLength, 96);
+
+    fake_.set_result("set_device_features", -3);
+    EXPECT_FALSE(devices::set_features(device_));
 }
 
 TEST_F(OperationsTest, InterfaceStatusReadsWhatTheCapabilitiesOffer) {
@@ -226,17 +237,6 @@ TEST_F(OperationsTest, InterfaceStatusReadsWhatTheCapabilitiesOffer) {
     fake_.set_result("get_link_status", TIDEWELLAPI_ERROR);
     EXPECT_FALSE(devices::get_iface_status(device_));
     EXPECT_EQ(fake_.calls().back(), "get_link_status");
-}
-
-TEST_F(OperationsTest, SetFeaturesIgnoresPortSpeedFailure) {
-    device_.features.SlicingLength = 96;
-    fake_.set_result("set_device_ports_speed", TIDEWELLAPI_ERROR);
-    EXPECT_TRUE(devices::set_features(device_));
-    EXPECT_EQ(fake_.calls(), (Calls{"set_device_features", "set_device_ports_speed"}));
-    EXPECT_EQ(fake_.device(0x100).features.SlicingLength, 96);
-
-    fake_.set_result("set_device_features", -3);
-    EXPECT_FALSE(devices::set_features(device_));
 }
 
 TEST_F(OperationsTest, NothingTouchesTheDeviceDuringAFirmwareUpdate) {

@@ -129,25 +129,27 @@ TEST_F(SessionTest, StartStopSomeThenStopAll) {
     EXPECT_FALSE(engine::WatchkeepProcess::is_running());
 }
 
-TEST_F(SessionTest, AllDevicesFailingStopsTheEngine) {
-    fake_.set_result("disk_dump_start", -1);
-    Reply reply = session.start_capture(request_for({1, 2}));
-    EXPECT_EQ(reply.status, 500);
-    EXPECT_NE(reply.text.find("\"message\":\"Error executing command\""), std::string::npos);
-    EXPECT_TRUE(standin.started());
-    EXPECT_FALSE(engine::WatchkeepProcess::is_running());
-}
-
-TEST_F(SessionTest, EngineThatNeverStartsFailsBeforeTheDevices) {
+TEST_F(SessionTest, FailedStartsLeaveNoEngineRunning) {
     standin.set_mode("exit");
-    Reply reply = session.start_capture(request_for({1}));
+    Reply reply = session.start_capture(request_for({1, 2}));
     EXPECT_EQ(reply.status, 500);
     EXPECT_NE(reply.text.find("\"analyzer\": {\"errors\":\"Error executing command\""),
               std::string::npos)
         << reply.text;
-    // Launch result 1 answers at once: no stop of an engine that was never there.
+    // Launch result 1 answers at once: no stop of an engine that was never there, no device
+    // started.
     EXPECT_EQ(log_count("[Watchkeep Stop] Stopping..."), 0u);
     EXPECT_EQ(fake_.call_count("disk_dump_start"), 0u);
+
+    // The engine starts but every device fails: the engine is stopped again.
+    standin.set_mode("");
+    standin.clear();
+    fake_.set_result("disk_dump_start", -1);
+    reply = session.start_capture(request_for({1, 2}, false));
+    EXPECT_EQ(reply.status, 500);
+    EXPECT_NE(reply.text.find("\"message\":\"Error executing command\""), std::string::npos);
+    EXPECT_TRUE(standin.started());
+    EXPECT_FALSE(engine::WatchkeepProcess::is_running());
 }
 
 TEST_F(SessionTest, AnalysisRunsTheEngineOverTheFile) {

@@ -2,9 +2,8 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <strings.h>
 
-#include <algorithm>
-#include <cctype>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <ranges>
@@ -16,16 +15,10 @@ namespace vistrel::testing {
 
 namespace {
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 MHD_Result collect_header(void* context, MHD_ValueKind /*kind*/, const char* key,
                           const char* value) {
     auto& request = *static_cast<RecordedRequest*>(context);
-    request.headers[lower(key)] = value != nullptr ? value : "";
+    request.headers[key] = value != nullptr ? value : "";
     return MHD_YES;
 }
 
@@ -51,20 +44,16 @@ std::vector<std::string_view> lines_of(std::string_view body) {
 }
 
 std::string error_body(int status) {
-    nlohmann::json body = {
-        {"error",
-         {{"type", status == 429 ? "es_rejected_execution_exception" : "stand_in_error"},
-          {"reason", "the stand-in was told to answer " + std::to_string(status)}}},
-        {"status", status}};
-    return body.dump();
+    const nlohmann::json error = {{"type", "stand_in_error"}, {"reason", "told to fail"}};
+    return nlohmann::json{{"error", error}, {"status", status}}.dump();
 }
 
 }  // namespace
 
 std::optional<std::string> RecordedRequest::header(const std::string& name) const {
-    auto found = headers.find(lower(name));
-    if (found == headers.end()) return std::nullopt;
-    return found->second;
+    for (const auto& [key, value] : headers)
+        if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+    return std::nullopt;
 }
 
 std::string RecordedRequest::target() const {

@@ -19,7 +19,7 @@ struct RecordedRequest {
     std::string method;                          // "GET", "DELETE", "POST"...
     std::string path;                            // "/vistrel*/_delete_by_query"
     std::string query;                           // "a=1&b=2" (decoded values), empty when none
-    std::map<std::string, std::string> headers;  // names in lower case
+    std::map<std::string, std::string> headers;  // names as sent
     std::string body;
 
     // The value of a header, by case-insensitive name; nullopt when it was not sent.

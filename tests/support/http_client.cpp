@@ -18,20 +18,6 @@ size_t append_body(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-size_t append_header(char* data, size_t size, size_t count, void* target) {
-    std::string line(data, size * count);
-    size_t colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-        std::string value = line.substr(colon + 1);
-        value.erase(0, value.find_first_not_of(" \t"));
-        value.erase(value.find_last_not_of("\r\n") + 1);
-        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
-    }
-    return size * count;
-}
-
 std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpResponse& response) {
     std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
     curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
@@ -42,16 +28,17 @@ std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpRespo
     curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, append_body);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &response.body);
-    curl_easy_setopt(handle.get(), CURLOPT_HEADERFUNCTION, append_header);
-    curl_easy_setopt(handle.get(), CURLOPT_HEADERDATA, &response.headers);
     return handle;
 }
 
 void perform(CURL* handle, HttpResponse& response) {
-    if (curl_easy_perform(handle) == CURLE_OK) {
-        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
-    } else {
-        response.status = 0;
+    if (curl_easy_perform(handle) != CURLE_OK) return;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
+    for (curl_header* header = nullptr;
+         (header = curl_easy_nextheader(handle, CURLH_HEADER, -1, header)) != nullptr;) {
+        std::string name = header->name;
+        std::ranges::transform(name, name.begin(), ::tolower);
+        response.headers[name] = header->value;
     }
 }
 
@@ -92,10 +79,11 @@ HttpResponse HttpClient::request(const std::string& method, const std::string& p
     return transfer(base_url_ + path, method, body.empty() ? nullptr : &body, {});
 }
 
-HttpResponse HttpClient::post_form(const std::string& path,
-                                   const std::vector<FormPart>& parts) const {
+HttpResponse HttpClient::post_form(const std::string& path, const std::vector<FormPart>& parts,
+                                   const std::string& ca_file) const {
     HttpResponse response;
     auto handle = make_handle(base_url_ + path, response);
+    if (!ca_file.empty()) curl_easy_setopt(handle.get(), CURLOPT_CAINFO, ca_file.c_str());
     curl_mime* form = curl_mime_init(handle.get());
     for (const FormPart& part : parts) {
         curl_mimepart* field = curl_mime_addpart(form);

@@ -32,7 +32,8 @@ class HttpClient {
                       const std::string& content_type = "application/json") const;
     HttpResponse request(const std::string& method, const std::string& path,
                          const std::string& body = {}) const;
-    HttpResponse post_form(const std::string& path, const std::vector<FormPart>& parts) const;
+    HttpResponse post_form(const std::string& path, const std::vector<FormPart>& parts,
+                           const std::string& ca_file = {}) const;
 
     const std::string& base_url() const { return base_url_; }
 
