@@ -42,9 +42,9 @@ class DeviceTest : public ::testing::Test {
         return devices::find_device_by_mac(devices::mac_to_text(fake_.device(handle).mac));
     }
 
-    std::string log() const { return read_file(temp_.file("test.log")); }
+    // How often the log holds `text`.
     size_t log_count(const std::string& text) const {
-        const std::string all = log();
+        const std::string all = read_file(temp_.file("test.log"));
         size_t count = 0;
         for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
             ++count;

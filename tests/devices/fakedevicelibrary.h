@@ -1,8 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <string>
@@ -79,6 +77,10 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     }
     // Every call made, in order, as method names.
     std::vector<std::string> calls() { return locked(calls_); }
+    size_t call_count(const std::string& function) {
+        std::lock_guard lock(mutex_);
+        return static_cast<size_t>(std::count(calls_.begin(), calls_.end(), function));
+    }
     void clear_calls() { set(calls_, {}); }
 
     // The last disk-dump configuration handed over, with its folder copied.
@@ -91,12 +93,6 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
         std::lock_guard lock(mutex_);
         flash_done_ = true;
         flash_result_ = result;
-    }
-    // Waits (up to 30 s) until the progress has been asked for `count` times in all.
-    bool wait_for_progress_calls(int count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(30),
-                                 [&] { return progress_calls_ >= count; });
     }
 
     FAKE_CALL(add_new_device_callback, (TidewellAPIDeviceCallback, void*))
@@ -157,8 +153,6 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     TidewellAPIRet firmware_update_get_progress(TidewellAPIHandle handle,
                                                 int32_t* progress) override {
         std::lock_guard lock(mutex_);
-        ++progress_calls_;
-        changed_.notify_all();
         const TidewellAPIRet result = record("firmware_update_get_progress");
         if (result != TIDEWELLAPI_SUCCESS) return result;
         if (find(handle) == nullptr) return TIDEWELLAPI_ERROR_INVALID_HANDLE;
@@ -190,7 +184,6 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::map<TidewellAPIHandle, Device> devices_;
     std::map<std::string, TidewellAPIRet> results_;
     std::vector<std::string> calls_;
@@ -201,7 +194,6 @@ class FakeDeviceLibrary : public devices::DeviceLibrary {
     int32_t flash_progress_ = 0;
     bool flash_done_ = false;
     TidewellAPIRet flash_result_ = 0;
-    int progress_calls_ = 0;
 };
 
 #undef FAKE_CALL

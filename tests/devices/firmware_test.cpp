@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-
 #include "devices/deviceoperations.h"
 #include "devices/firmwarestash.h"
 #include "devices/tidewellfirmwareupdater.h"
@@ -37,18 +34,13 @@ class FirmwareUpdaterTest : public DeviceTest {
 };
 
 TEST_F(FirmwareUpdaterTest, RefusedStarts) {
-    EXPECT_EQ(updater_.status(kMac).document(),
-              "{\"firmware_update\":\"Could not get firmware update status for device with mac "
-              "[00:1b:c5:00:00:01]: No firmware update has been started\","
-              "\"update_in_progress\":false,\"update_progress\":0,\"update_success\":false,"
-              "\"start_success\":false}");
     EXPECT_THROW(updater_.start_update("00:1b:c5:00:00:77", firmware_),
                  devices::TidewellMissingException);
     const std::string too_long(2049, 'a');
     const auto refused = updater_.start_update(kMac, too_long);
     EXPECT_FALSE(refused.success);
     EXPECT_EQ(refused.message, "Firmware filepath [" + too_long + "] is too long. Max size: 2048");
-    EXPECT_TRUE(fake_.calls().empty() || fake_.calls().back() != "firmware_update_start");
+    EXPECT_EQ(fake_.call_count("firmware_update_start"), 0u);
 
     // The library refuses the file: reported once by the status, then forgotten.
     fake_.set_result("firmware_update_start", TIDEWELLAPI_ERROR_FILE_NOT_FOUND);
@@ -72,7 +64,7 @@ TEST_F(FirmwareUpdaterTest, UpdateRunsGuardsTheDevicesAndCompletes) {
     fake_.set_flash_progress(42);
     ASSERT_TRUE(updater_.start_update(kMac, firmware_).success);
     // The second poll comes after the first progress has been handed to the updater.
-    ASSERT_TRUE(fake_.wait_for_progress_calls(2));
+    ASSERT_TRUE(eventually([&] { return fake_.call_count("firmware_update_get_progress") >= 2; }));
 
     // While it runs: a second start is refused and every operation is kept off.
     const auto second = updater_.start_update(kMac, firmware_);
@@ -111,7 +103,8 @@ TEST_F(FirmwareUpdaterTest, ShutDownLeavesARunningFlashToItsOwnThread) {
     {
         TidewellFirmwareUpdater updater;
         ASSERT_TRUE(updater.start_update(kMac, firmware_).success);
-        ASSERT_TRUE(fake_.wait_for_progress_calls(1));
+        ASSERT_TRUE(
+            eventually([&] { return fake_.call_count("firmware_update_get_progress") >= 1; }));
     }
     EXPECT_EQ(log_count("There are still threads that are updating device firmware. We're "
                         "leaking them"),
@@ -160,11 +153,8 @@ TEST_F(FirmwareCatalogueTest, ReadsAttributesAndChildElements) {
     EXPECT_EQ(devices::firmware_for_device(images, lite).size(), 1u);
 }
 
-TEST_F(FirmwareCatalogueTest, ShippedSampleMissingAndBrokenFiles) {
+TEST_F(FirmwareCatalogueTest, MissingAndBrokenFiles) {
     std::vector<devices::FirmwareImage> images;
-    ASSERT_TRUE(
-        devices::read_firmware_catalogue(VISTREL_SOURCE_DIR "/config/firmware.xml", images));
-    EXPECT_EQ(images.size(), 3u);
     EXPECT_FALSE(devices::read_firmware_catalogue(temp_.file("nothing.xml"), images));
     const std::string broken = temp_.file("broken.xml");
     write_file(broken, "<devices><device name=\"x\"></devices>");

@@ -9,15 +9,11 @@ namespace {
 using testing::ElasticsearchStandIn;
 using testing::RecordedRequest;
 
+// The bodies of a time range alone and of an interface alone are the cleanup endpoint's test's.
 TEST(DeleteByQueryBodyTest, BodyFollowsWhatTheRequestGives) {
     EXPECT_EQ(delete_by_query_body({"idx", "100", "200", "eth0"}),
               "{\"query\": {\"bool\": {\"must\": {\"term\": {\"INTERFACE\": \"eth0\"}},\"filter\": "
               "{\"range\": {\"@timestamp\":{\"gte\": \"100\",\"lte\": \"200\"}}}}}}");
-    EXPECT_EQ(delete_by_query_body({"idx", "100", "200", std::nullopt}),
-              "{\"query\": {\"range\" : {\"@timestamp\" : {\"gte\": \"100\",\"lte\": \"200\"}}}}");
-    // One time alone is ignored: every document of the interface goes.
-    EXPECT_EQ(delete_by_query_body({"idx", "100", std::nullopt, "eth0"}),
-              "{ \"query\": { \"match\": { \"INTERFACE\": \"eth0\" }}}");
     EXPECT_EQ(delete_by_query_body({"idx", std::nullopt, "200", std::nullopt}), std::nullopt);
     EXPECT_EQ(delete_by_query_body({}), std::nullopt);
     // Long bodies are cut to the buffer.
@@ -70,25 +66,19 @@ TEST_F(SearchIndexClientTest, HealthCheckCountsAnyAnswerAsHealthy) {
     EXPECT_TRUE(check_health(none, ""));
 }
 
-TEST_F(SearchIndexClientTest, DeleteIndexSendsADeleteWithoutBody) {
+// The request each sends, and a failure to reach the server, are also the cleanup endpoint's
+// test's; here what that test does not show.
+TEST_F(SearchIndexClientTest, DeleteIndexTakesAnyAnswerAndSendsCredentials) {
     search.answer(404, R"({"error":"index_not_found_exception"})");
     EXPECT_TRUE(delete_index({"", "pw"}, search.address(), "vistrel*"));
-    RecordedRequest request = only_request();
-    EXPECT_EQ(request.method, "DELETE");
-    EXPECT_EQ(request.path, "/vistrel*");
-    EXPECT_EQ(request.body, "");
-    EXPECT_EQ(request.header("Authorization"), "Basic OnB3");  // ":pw"
-
-    EXPECT_FALSE(delete_index(none, unreachable(), "vistrel*"));
+    EXPECT_EQ(only_request().header("Authorization"), "Basic OnB3");  // ":pw"
 }
 
 TEST_F(SearchIndexClientTest, DeleteByQueryPostsJsonToTheIndex) {
     EXPECT_TRUE(delete_by_query(none, search.address(), {"vistrel-1", "100", "200", "eth0"}));
     RecordedRequest request = only_request();
-    EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(request.target(), "/vistrel-1/_delete_by_query");
     EXPECT_EQ(request.header("Content-Type"), "application/json");
-    EXPECT_EQ(request.body, delete_by_query_body({"vistrel-1", "100", "200", "eth0"}));
 
     EXPECT_FALSE(delete_by_query(none, unreachable(), {"vistrel-1", "100", "200", "eth0"}));
     // Without a selection nothing is sent.

@@ -2,13 +2,11 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <strings.h>
 
-#include <algorithm>
-#include <cctype>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <stdexcept>
 #include <string_view>
 #include <tuple>
@@ -17,16 +15,10 @@ namespace vistrel::testing {
 
 namespace {
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 MHD_Result collect_header(void* context, MHD_ValueKind /*kind*/, const char* key,
                           const char* value) {
     auto& request = *static_cast<RecordedRequest*>(context);
-    request.headers[lower(key)] = value != nullptr ? value : "";
+    request.headers[key] = value != nullptr ? value : "";
     return MHD_YES;
 }
 
@@ -46,31 +38,22 @@ bool is_bulk(const RecordedRequest& request) {
 // The non-empty lines of an NDJSON body.
 std::vector<std::string_view> lines_of(std::string_view body) {
     std::vector<std::string_view> lines;
-    while (!body.empty()) {
-        size_t end = body.find('\n');
-        std::string_view line = body.substr(0, end);
-        if (!line.empty()) lines.push_back(line);
-        if (end == std::string_view::npos) break;
-        body.remove_prefix(end + 1);
-    }
+    for (const auto line : std::views::split(body, '\n'))
+        if (!line.empty()) lines.emplace_back(line.begin(), line.end());
     return lines;
 }
 
 std::string error_body(int status) {
-    nlohmann::json body = {
-        {"error",
-         {{"type", status == 429 ? "es_rejected_execution_exception" : "stand_in_error"},
-          {"reason", "the stand-in was told to answer " + std::to_string(status)}}},
-        {"status", status}};
-    return body.dump();
+    const nlohmann::json error = {{"type", "stand_in_error"}, {"reason", "told to fail"}};
+    return nlohmann::json{{"error", error}, {"status", status}}.dump();
 }
 
 }  // namespace
 
 std::optional<std::string> RecordedRequest::header(const std::string& name) const {
-    auto found = headers.find(lower(name));
-    if (found == headers.end()) return std::nullopt;
-    return found->second;
+    for (const auto& [key, value] : headers)
+        if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+    return std::nullopt;
 }
 
 std::string RecordedRequest::target() const {
@@ -190,24 +173,6 @@ std::pair<int, std::string> ElasticsearchStandIn::answer_bulk(const RecordedRequ
     }
     nlohmann::json body = {{"took", 1}, {"errors", errors}, {"items", items}};
     return {200, body.dump()};
-}
-
-uint16_t ElasticsearchStandIn::closed_port() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) throw std::runtime_error("no socket for a closed port");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    uint16_t port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    // Bound but never listening, then released: connections are refused.
-    ::close(fd);
-    if (port == 0) throw std::runtime_error("no closed port found");
-    return port;
 }
 
 MHD_Result ElasticsearchStandIn::on_request(void* self, MHD_Connection* connection, const char* url,

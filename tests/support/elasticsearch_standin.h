@@ -19,7 +19,7 @@ struct RecordedRequest {
     std::string method;                          // "GET", "DELETE", "POST"...
     std::string path;                            // "/vistrel*/_delete_by_query"
     std::string query;                           // "a=1&b=2" (decoded values), empty when none
-    std::map<std::string, std::string> headers;  // names in lower case
+    std::map<std::string, std::string> headers;  // names as sent
     std::string body;
 
     // The value of a header, by case-insensitive name; nullopt when it was not sent.
@@ -96,9 +96,9 @@ class ElasticsearchStandIn {
     // Listens again on the same port; throws std::runtime_error when it cannot.
     void start();
 
-    // A loopback port on which nothing listens (bound once, then released): an unreachable
+    // A loopback port on which nothing listens (a stand-in's, once it is gone): an unreachable
     // server for failure tests.
-    static uint16_t closed_port();
+    static uint16_t closed_port() { return ElasticsearchStandIn().port(); }
 
   private:
     template <typename T>

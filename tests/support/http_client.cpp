@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 
 namespace vistrel::testing {
@@ -19,20 +18,6 @@ size_t append_body(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-size_t append_header(char* data, size_t size, size_t count, void* target) {
-    std::string line(data, size * count);
-    size_t colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-        std::string value = line.substr(colon + 1);
-        value.erase(0, value.find_first_not_of(" \t"));
-        value.erase(value.find_last_not_of("\r\n") + 1);
-        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
-    }
-    return size * count;
-}
-
 std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpResponse& response) {
     std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
     curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
@@ -43,16 +28,17 @@ std::unique_ptr<CURL, CurlDeleter> make_handle(const std::string& url, HttpRespo
     curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, append_body);
     curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &response.body);
-    curl_easy_setopt(handle.get(), CURLOPT_HEADERFUNCTION, append_header);
-    curl_easy_setopt(handle.get(), CURLOPT_HEADERDATA, &response.headers);
     return handle;
 }
 
 void perform(CURL* handle, HttpResponse& response) {
-    if (curl_easy_perform(handle) == CURLE_OK) {
-        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
-    } else {
-        response.status = 0;
+    if (curl_easy_perform(handle) != CURLE_OK) return;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response.status);
+    for (curl_header* header = nullptr;
+         (header = curl_easy_nextheader(handle, CURLH_HEADER, -1, header)) != nullptr;) {
+        std::string name = header->name;
+        std::ranges::transform(name, name.begin(), ::tolower);
+        response.headers[name] = header->value;
     }
 }
 
@@ -62,7 +48,6 @@ HttpResponse transfer(const std::string& url, const std::string& method, const s
     HttpResponse response;
     auto handle = make_handle(url, response);
     if (!method.empty()) curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
-    if (method == "HEAD") curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
     if (body != nullptr) {
         curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body->data());
         curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
@@ -113,17 +98,9 @@ HttpResponse HttpClient::post_form(const std::string& path, const std::vector<Fo
 }
 
 std::string url_encode(const std::string& text) {
-    std::string encoded;
-    char buffer[4];
-    for (unsigned char c : text) {
-        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-            encoded += static_cast<char>(c);
-        } else {
-            std::snprintf(buffer, sizeof buffer, "%%%02X", c);
-            encoded += buffer;
-        }
-    }
-    return encoded;
+    std::unique_ptr<char, decltype(&curl_free)> escaped(
+        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), curl_free);
+    return escaped ? escaped.get() : "";
 }
 
 }  // namespace vistrel::testing

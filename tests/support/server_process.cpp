@@ -10,12 +10,12 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <random>
 #include <thread>
 
 #include "host/processes.h"
+#include "host/uniquefd.h"
 #include "support/eventually.h"
 
 extern char** environ;
@@ -23,18 +23,6 @@ extern char** environ;
 namespace vistrel::testing {
 
 namespace {
-
-bool port_is_free(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return false;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool free = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    close(fd);
-    return free;
-}
 
 int exit_code_of(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
@@ -54,19 +42,25 @@ void stage_program_folder(const std::string& root) {
                   root + "/tidewell/firmware/firmware.xml", ignored);
 }
 
-}  // namespace
-
+// A free TCP port on 127.0.0.1 in the range the server accepts (1024..49151), below the
+// kernel's ephemeral range, so outgoing connections do not take it meanwhile.
 int free_loopback_port() {
-    // Below the kernel's ephemeral range, so outgoing connections do not take it meanwhile.
     static std::mt19937 random(static_cast<unsigned>(
         std::chrono::steady_clock::now().time_since_epoch().count() ^ getpid()));
     std::uniform_int_distribution<int> range(20000, 32000);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        int port = range(random);
-        if (port_is_free(port)) return port;
+        address.sin_port = htons(static_cast<uint16_t>(range(random)));
+        host::UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+        if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+            return ntohs(address.sin_port);
     }
     return 0;
 }
+
+}  // namespace
 
 ServerProcess::ServerProcess() : port_(free_loopback_port()) {
     std::filesystem::create_directories(home());

@@ -11,9 +11,6 @@
 
 namespace vistrel::testing {
 
-// A free TCP port on 127.0.0.1 in the range the server accepts (1024..49151).
-int free_loopback_port();
-
 // What a finished run of the program left behind.
 struct ProgramRun {
     int exit_code = -1000;  // as the shell shows it: -1 reads 255
