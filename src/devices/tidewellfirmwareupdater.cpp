@@ -31,14 +31,6 @@ constexpr int kShutdownGraceSteps = 200;  // at most 2 s in steps of 10 ms
 
 }  // namespace
 
-std::string FirmwareUpdateStatus::document() const {
-    return std::string("{\"firmware_update\":\"") + message +
-           "\",\"update_in_progress\":" + flag_text(update_in_progress) +
-           ",\"update_progress\":" + std::to_string(update_progress) +
-           ",\"update_success\":" + flag_text(update_success) +
-           ",\"start_success\":" + flag_text(start_success) + "}";
-}
-
 // One device that had an update started. The entry outlives its worker.
 struct TidewellFirmwareUpdater::Entry {
     std::string mac;

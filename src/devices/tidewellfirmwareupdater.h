@@ -20,16 +20,13 @@ struct FirmwareStartResult {
     std::string message;
 };
 
-// What a status question answers; document() writes it in the reply's key order.
+// What a status question answers about one device.
 struct FirmwareUpdateStatus {
     std::string message;
     bool update_in_progress = false;
     int32_t update_progress = 0;
     bool update_success = false;
     bool start_success = false;
-    // {"firmware_update":"...","update_in_progress":..,"update_progress":..,
-    //  "update_success":..,"start_success":..}
-    std::string document() const;
 };
 
 // Starts firmware updates (one StatsThread per device), answers status questions by MAC and
