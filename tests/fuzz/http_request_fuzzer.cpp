@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -27,15 +29,19 @@ using vistrel::http::QueryArguments;
 
 // Kept open for the whole run: the shared in-memory database lives as long as one connection.
 sqlite3* g_keeper = nullptr;
+// The run's folder for files the handlers may write; removed when the run ends.
+std::string g_folder;
 
 void set_up() {
     sqlite3_config(SQLITE_CONFIG_URI, 1);
     vistrel::fuzz::quiet();
     char folder[] = "/tmp/vistrel-fuzz-XXXXXX";
     FUZZ_CHECK(mkdtemp(folder) != nullptr);
+    g_folder = folder;
+    std::atexit([] { std::filesystem::remove_all(g_folder); });
     configuration().database = "file:vistrel-fuzz?mode=memory&cache=shared";
-    configuration().capture_path = folder;
-    configuration().analyze_capture_path = folder;
+    configuration().capture_path = g_folder;
+    configuration().analyze_capture_path = g_folder;
     sqlite3_open(configuration().database.c_str(), &g_keeper);
     vistrel::database::VistrelDatabase().create_schema();
 }
